@@ -1,0 +1,63 @@
+# kelbase: the two quick-start commands (make demo, make test) and the developer targets.
+# Everything is a thin wrapper around CMake; each target installs missing packages first.
+
+JOBS        ?= $(shell nproc)
+BUILD       ?= build
+ASAN_BUILD  ?= build-asan
+TSAN_BUILD  ?= build-tsan
+FUZZ_BUILD  ?= build-fuzz
+FUZZ_SECONDS ?= 120
+CMAKE_FLAGS ?=
+CTEST_FLAGS ?= --output-on-failure -j $(JOBS) -LE soak
+
+.PHONY: all deps build test test-asan demo tsan bench fuzz format clean
+
+all: build
+
+deps:
+	@scripts/install-deps.sh
+
+$(BUILD)/CMakeCache.txt:
+	cmake -S . -B $(BUILD) -DKEL_WERROR=ON $(CMAKE_FLAGS)
+
+build: deps $(BUILD)/CMakeCache.txt
+	cmake --build $(BUILD) -j $(JOBS)
+
+# The sanitizer build runs first, so the plain suite's CTest summary closes the output.
+test: build test-asan
+	@echo "== kelbase test suite =="
+	cd $(BUILD) && ctest $(CTEST_FLAGS)
+
+test-asan: deps
+	cmake -S . -B $(ASAN_BUILD) -DKEL_WERROR=ON -DKEL_SANITIZE=address,undefined \
+	      -DKEL_BUILD_BENCH=OFF -DKEL_BUILD_EXAMPLES=OFF -DCMAKE_BUILD_TYPE=Debug $(CMAKE_FLAGS)
+	cmake --build $(ASAN_BUILD) -j $(JOBS)
+	@echo "== kelbase test suite under AddressSanitizer + UndefinedBehaviorSanitizer =="
+	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
+	    UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest $(CTEST_FLAGS)
+
+demo: build
+	@$(BUILD)/examples/kel_demo
+
+tsan: deps
+	cmake -S . -B $(TSAN_BUILD) -DKEL_WERROR=ON -DKEL_SANITIZE=thread \
+	      -DKEL_BUILD_BENCH=OFF -DKEL_BUILD_EXAMPLES=OFF $(CMAKE_FLAGS)
+	cmake --build $(TSAN_BUILD) -j $(JOBS)
+	cd $(TSAN_BUILD) && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ctest $(CTEST_FLAGS)
+
+bench: build
+	@for b in $(BUILD)/bench/bench_*; do echo "== $$b"; $$b --benchmark_repetitions=5 \
+	    --benchmark_report_aggregates_only=true || exit 1; done
+
+fuzz: deps
+	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -DKEL_BUILD_FUZZ=ON \
+	      -DKEL_SANITIZE=address,undefined -DKEL_BUILD_TESTS=OFF -DKEL_BUILD_BENCH=OFF \
+	      -DKEL_BUILD_EXAMPLES=OFF $(CMAKE_FLAGS)
+	cmake --build $(FUZZ_BUILD) -j $(JOBS)
+	scripts/run-fuzzers.sh $(FUZZ_BUILD)/fuzz $(FUZZ_SECONDS)
+
+format:
+	@git ls-files '*.h' '*.cpp' | xargs clang-format -i
+
+clean:
+	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(FUZZ_BUILD)
