@@ -38,7 +38,6 @@ class CModuleInfo;
 KEL_API extern Misc::CModuleInfo KEL_MODULE_INFO_KelLib;
 namespace Internals {
 class CThreadCB;
-class CThrowGuard;
 } // namespace Internals
 namespace Threading {
 class CThrowState;
@@ -106,8 +105,10 @@ public:
     bool AppendText(const char* text, size_t length, unsigned int upperCase) noexcept;
     bool AppendFill(int ch, size_t count) noexcept;
 
-private:
+    /// The block's layout is private to the library.
     struct LOGDATA;
+
+private:
     LOGDATA* m_pData = nullptr;
 };
 
@@ -126,19 +127,26 @@ private:
     CErrorLog& m_Log;
 };
 
-/// The stream of a new exception's first message; tryThrow() ends it and throws.
-class KEL_API CFormatStreamCurrExc : public Output_Streams::CFormatStream {
+/// The stream of a new exception's first message; tryThrow() ends it and throws. It is built in
+/// place (returned as a prvalue) and never copied: its stream writes into its own log.
+class KEL_API CFormatStreamCurrExc {
 public:
     CFormatStreamCurrExc(unsigned int code, const NATIVE_ERROR* native, SOURCE_INFO* site, const char* format);
-    CFormatStreamCurrExc(CFormatStreamCurrExc&& other) noexcept;
+    /// With a finished message text (taken literally).
+    CFormatStreamCurrExc(unsigned int code, const NATIVE_ERROR* native, SOURCE_INFO* site, std::string&& text);
+    CFormatStreamCurrExc(const CFormatStreamCurrExc&) = delete;
+    CFormatStreamCurrExc& operator=(const CFormatStreamCurrExc&) = delete;
     ~CFormatStreamCurrExc();
 
     /// Arguments; a format error only ends the message, it never hides the status.
     template <class T>
     CFormatStreamCurrExc& operator<<(const T& value) {
-        try {
-            CFormatStream::operator<<(value);
-        } catch (const Internals::CFormatAbort&) {
+        if (m_pStream) {
+            try {
+                *m_pStream << value;
+            } catch (const Output_Streams::Internals::CFormatAbort&) {
+                EndMessage();
+            }
         }
         return *this;
     }
@@ -146,9 +154,13 @@ public:
     [[noreturn]] void tryThrow();
 
 private:
+    void EndMessage() noexcept;
     unsigned int m_uCode;
     CErrorLog m_Log;
     CExceptionBuffer m_Buffer;
+    std::string m_Text;
+    Output_Streams::CFormatStream* m_pStream = nullptr;
+    alignas(Output_Streams::CFormatStream) unsigned char m_Stream[sizeof(Output_Streams::CFormatStream)];
 };
 
 /// An exception being raised (from CThrowState::StartException).
@@ -207,7 +219,6 @@ public:
     Exceptions::CExceptionLog ContinueException(Exceptions::SOURCE_INFO& site) noexcept {
         return Exceptions::CExceptionLog(*this, site);
     }
-    Exceptions::CExceptionLog ContinueException(Internals::CThrowGuard& guard, Exceptions::SOURCE_INFO& site) noexcept;
     /// At a boundary, inside the catch block: adds `site` to the thread's log; throws the status
     /// on when the caller's mode is "throw", else returns it.
     unsigned int ThrowNext(Exceptions::SOURCE_INFO& site);
@@ -229,6 +240,7 @@ public:
     Internals::CThreadCB* GetThreadCB() noexcept;
 
 private:
+    static unsigned int SwapMode(Internals::CThreadCB& cb, unsigned int on) noexcept;
     static std::atomic<unsigned int> s_nThrowingThreads;
     Internals::CThreadCB* m_pTCB = nullptr;
     unsigned int m_uSavedMode = 0;
@@ -248,7 +260,7 @@ void CExceptionLog::Format(const char* message, const A&... args) {
     try {
         Output_Streams::CFormatStream s(buffer, message);
         (s << ... << args);
-    } catch (const Internals::CFormatAbort&) {
+    } catch (const Output_Streams::Internals::CFormatAbort&) {
     }
 }
 

@@ -106,6 +106,9 @@ public:
 
 protected:
     CKelApplication();
+    /// The library's default object: it becomes `pKelApp` only if the program has none yet.
+    struct DefaultTag {};
+    explicit CKelApplication(DefaultTag);
 
 private:
     Strings::TString<248> m_NlsSearchPath;
