@@ -75,11 +75,20 @@ const char* SkipDirective(const char* p, bool fromPrecision) noexcept {
     }
 }
 
+// The last '\n' of a text, or null.
+inline const char* LastLineEnd(const char* text, size_t length) noexcept {
+#if defined(__GLIBC__)
+    if (length > 16) return static_cast<const char*>(memrchr(text, '\n', length));
+#endif
+    for (const char* p = text + length; p != text;)
+        if (*--p == '\n') return p;
+    return nullptr;
+}
+
 // The column after the last line of `text` (the characters behind its last '\n').
 inline size_t TrailingColumn(const char* text, size_t length) noexcept {
-    const char* p = text + length;
-    while (p != text && p[-1] != '\n') --p;
-    return static_cast<size_t>(text + length - p);
+    const char* nl = LastLineEnd(text, length);
+    return nl ? static_cast<size_t>(text + length - nl - 1) : length;
 }
 
 } // namespace
@@ -90,9 +99,6 @@ inline size_t TrailingColumn(const char* text, size_t length) noexcept {
 CFormatStream::CFormatStream(Base_Classes::CFormatStreamBuffer& sink, const char* format) { Start(sink, format); }
 
 CFormatStream::CFormatStream(Strings::CStringVar& target, const char* format) : m_StringSink(&target) {
-    // The string may already hold text: `!` fields must know the column where it ends.
-    static_cast<Base_Classes::CFormatStreamBuffer&>(m_StringSink).m_nColumn =
-        TrailingColumn(target.data(), target.Length());
     Start(m_StringSink, format);
 }
 
@@ -195,21 +201,46 @@ void CFormatStream::Fail(Exceptions::SOURCE_INFO& site) {
 // ---------------------------------------------------------------------------------------------
 // The directive parser
 
+// Put for unconverted text. Into the stream's own string sink (CStringVar::Format, the most
+// common case) the text is appended in place: no indirect call for the sink's Write.
+inline void CFormatStream::Emit(const char* text, size_t length) {
+    if (m_pSink != &m_StringSink) {
+        m_pSink->Put(text, length);
+        return;
+    }
+    Strings::CStringVar* target = m_StringSink.GetTarget();
+    if (!target || length == 0) return;
+    try {
+        target->Cat(text, length);
+    } catch (...) {
+        End();
+        throw;
+    }
+}
+
+// The string keeps its own text, so its column is read from it when a field needs it rather
+// than counted on every write.
+size_t CFormatStream::CurrentColumn() const noexcept {
+    if (m_pSink != &m_StringSink) return m_pSink->GetColumn();
+    const Strings::CStringVar* target = m_StringSink.GetTarget();
+    return target ? TrailingColumn(target->data(), target->Length()) : 0;
+}
+
 // Writes the plain text up to the next directive ("%%" as one '%') and returns where that
 // directive's '%' is, or the terminating NUL.
 const char* CFormatStream::ScanPlain() {
     const char* p = m_pFormat;
     for (;;) {
         const char* run = p;
-        while (*p != '\0' && *p != '%') ++p;
+        p += std::strcspn(p, "%"); // the C library scans a word at a time
         if (*p == '%' && p[1] == '%') {
             m_pFormat = p + 2;
-            if (m_bPlainText) m_pSink->Put(run, static_cast<size_t>(p + 1 - run));
+            if (m_bPlainText) Emit(run, static_cast<size_t>(p + 1 - run));
             p += 2;
             continue;
         }
         m_pFormat = p;
-        if (p != run && m_bPlainText) m_pSink->Put(run, static_cast<size_t>(p - run));
+        if (p != run && m_bPlainText) Emit(run, static_cast<size_t>(p - run));
         return p;
     }
 }
@@ -316,12 +347,12 @@ unsigned int CFormatStream::GetFormatParameters(unsigned long long value, unsign
     m_State = PS_Ready;
     if (m_nWidth == 0) m_Align = AL_None;
     if (m_bSplit) {
-        size_t column = m_pSink->GetColumn();
+        size_t column = CurrentColumn();
         size_t margin = m_pSink->GetLeftMargin();
         size_t indent = column > margin ? column : margin;
         m_nIndent = indent > kMaxFieldValue ? static_cast<unsigned int>(kMaxFieldValue) : static_cast<unsigned int>(indent);
     }
-    m_pSink->SignalNewFormatField();
+    if (m_pSink != &m_StringSink) m_pSink->SignalNewFormatField(); // a string keeps no fields
     return FP_Ready;
 }
 
@@ -329,18 +360,21 @@ unsigned int CFormatStream::GetFormatParameters(unsigned long long value, unsign
 // Field output
 
 void CFormatStream::PadToIndent() {
-    size_t column = m_pSink->GetColumn();
+    size_t column = CurrentColumn();
     if (column < m_nIndent) m_pSink->PutFill(' ', m_nIndent - column);
 }
 
 void CFormatStream::WritePiece(const char* text, size_t length) {
     Base_Classes::CFormatStreamBuffer& sink = *m_pSink;
-    if (m_nIndent && sink.GetColumn() < m_nIndent) sink.PutFill(' ', m_nIndent - sink.GetColumn());
+    if (m_nIndent) PadToIndent();
     const unsigned int upper = m_bUpper ? 1u : 0u;
     const size_t width = m_nWidth;
     switch (m_Align) {
     case AL_None:
-        sink.Put(text, length, upper);
+        if (upper)
+            sink.Put(text, length, upper);
+        else
+            Emit(text, length);
         break;
     case AL_Left:
         if (length >= width) {
@@ -526,7 +560,7 @@ void CFormatStream::WriteDump(const unsigned char* data, size_t length) {
 // field of its own, so that an order text can still place it.
 void CFormatStream::WriteExtra(const char* text, size_t length) {
     if (!m_bPlainText) m_pSink->SignalNewFormatField();
-    m_pSink->Put(text, length);
+    Emit(text, length);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -599,7 +633,10 @@ void CFormatStream::WriteString(const char* text, size_t length) {
             break;
         default:
             if (m_nPrec && m_Prec[0] < length) length = m_Prec[0];
-            FormatedWrite(text, length, m_bSplit ? 1u : 0u);
+            if (m_Align == AL_None && !m_bSplit && !m_bUpper)
+                Emit(text, length); // the common plain %s
+            else
+                FormatedWrite(text, length, m_bSplit ? 1u : 0u);
             break;
         }
         m_State = PS_Start;
