@@ -9,6 +9,7 @@
 #include <kel/LanguageSupport.h>
 #include <kel/OutputStreams.h>
 
+#include <array>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -36,6 +37,32 @@ constexpr char kDigitPairs[] = "00010203040506070809"
                                "70717273747576777879"
                                "80818283848586878889"
                                "90919293949596979899";
+
+// What each type letter selects; `valid` is 0 for every other character.
+struct TYPE_INFO {
+    unsigned char valid, conv, radix, upper, sign, integer;
+};
+
+constexpr std::array<TYPE_INFO, 256> MakeTypeTable() {
+    std::array<TYPE_INFO, 256> t{};
+    using S = CFormatStream;
+    t['c'] = {1, S::CV_Char, 10, 0, 0, 1};
+    t['C'] = {1, S::CV_Char, 10, 1, 0, 1};
+    t['d'] = {1, S::CV_Signed, 10, 0, 0, 1};
+    t['D'] = {1, S::CV_Signed, 10, 0, '+', 1};
+    t['b'] = {1, S::CV_Unsigned, 2, 0, 0, 1};
+    t['o'] = {1, S::CV_Unsigned, 8, 0, 0, 1};
+    t['x'] = {1, S::CV_Unsigned, 16, 0, 0, 1};
+    t['X'] = {1, S::CV_Unsigned, 16, 1, 0, 1};
+    t['s'] = {1, S::CV_String, 10, 0, 0, 0};
+    t['S'] = {1, S::CV_String, 10, 1, 0, 0};
+    t['p'] = {1, S::CV_Pointer, 16, 0, 0, 0};
+    t['P'] = {1, S::CV_Pointer, 16, 1, 0, 0};
+    t['h'] = {1, S::CV_HexDump, 16, 0, 0, 0};
+    t['H'] = {1, S::CV_HexDump, 16, 1, 0, 0};
+    return t;
+}
+constexpr std::array<TYPE_INFO, 256> kTypes = MakeTypeTable();
 
 inline bool IsDigit(char c) noexcept { return c >= '0' && c <= '9'; }
 
@@ -66,13 +93,7 @@ const char* SkipDirective(const char* p, bool fromPrecision) noexcept {
         else
             return nullptr;
     }
-    switch (*p) {
-    case 'c': case 'C': case 'd': case 'D': case 'b': case 'o': case 'x': case 'X':
-    case 's': case 'S': case 'p': case 'P': case 'h': case 'H':
-        return p + 1;
-    default:
-        return nullptr;
-    }
+    return kTypes[static_cast<unsigned char>(*p)].valid ? p + 1 : nullptr;
 }
 
 // The last '\n' of a text, or null.
@@ -263,12 +284,10 @@ unsigned int CFormatStream::GetFormatParameters(unsigned long long value, unsign
         m_nWidth = 0;
         m_nIndent = 0;
         m_nPrec = 0;
-        m_nRadix = 10;
         m_cFill = ' ';
-        m_cSign = 0;
         m_Align = AL_None;
-        m_bUpper = false;
         m_bSplit = false;
+        if (kTypes[static_cast<unsigned char>(*p)].valid) return TypeReady(p, isInteger); // "%s", "%d", ...
         if (*p == '!') {
             m_bSplit = true;
             ++p;
@@ -321,28 +340,20 @@ unsigned int CFormatStream::GetFormatParameters(unsigned long long value, unsign
         }
         m_Prec[m_nPrec++] = static_cast<unsigned int>(prec);
     }
-
     m_State = PS_Type;
-    bool wantsInteger = true;
-    switch (*p) {
-    case 'c': m_Conv = CV_Char; break;
-    case 'C': m_Conv = CV_Char; m_bUpper = true; break;
-    case 'd': m_Conv = CV_Signed; break;
-    case 'D': m_Conv = CV_Signed; m_cSign = '+'; break;
-    case 'b': m_Conv = CV_Unsigned; m_nRadix = 2; break;
-    case 'o': m_Conv = CV_Unsigned; m_nRadix = 8; break;
-    case 'x': m_Conv = CV_Unsigned; m_nRadix = 16; break;
-    case 'X': m_Conv = CV_Unsigned; m_nRadix = 16; m_bUpper = true; break;
-    case 's': m_Conv = CV_String; wantsInteger = false; break;
-    case 'S': m_Conv = CV_String; m_bUpper = true; wantsInteger = false; break;
-    case 'p': m_Conv = CV_Pointer; m_nRadix = 16; wantsInteger = false; break;
-    case 'P': m_Conv = CV_Pointer; m_nRadix = 16; m_bUpper = true; wantsInteger = false; break;
-    case 'h': m_Conv = CV_HexDump; m_nRadix = 16; wantsInteger = false; break;
-    case 'H': m_Conv = CV_HexDump; m_nRadix = 16; m_bUpper = true; wantsInteger = false; break;
-    default: Fail(KEL_SITE()); // an unknown type letter, or the format ends inside a directive
-    }
-    if (wantsInteger && !isInteger) Fail(KEL_SITE()); // c C d D b o x X need an integer
-    if (!wantsInteger && isInteger) Fail(KEL_SITE()); // s S p P h H need a non-integer
+    return TypeReady(p, isInteger);
+}
+
+// The type letter at `p` ends the directive: the field waits for its argument.
+unsigned int CFormatStream::TypeReady(const char* p, unsigned int isInteger) {
+    const TYPE_INFO& type = kTypes[static_cast<unsigned char>(*p)];
+    if (!type.valid) Fail(KEL_SITE()); // an unknown type letter, or the format ends inside a directive
+    if (type.integer && !isInteger) Fail(KEL_SITE()); // c C d D b o x X need an integer
+    if (!type.integer && isInteger) Fail(KEL_SITE()); // s S p P h H need a non-integer
+    m_Conv = static_cast<CONV>(type.conv);
+    m_nRadix = type.radix;
+    m_bUpper = type.upper != 0;
+    m_cSign = static_cast<char>(type.sign);
     m_pFormat = p + 1;
     m_State = PS_Ready;
     if (m_nWidth == 0) m_Align = AL_None;

@@ -283,6 +283,7 @@ private:
     const char* ScanPlain();
     void Emit(const char* text, size_t length);
     size_t CurrentColumn() const noexcept;
+    unsigned int TypeReady(const char* p, unsigned int isInteger);
     unsigned int TakeStar(unsigned long long value, unsigned int isInteger, unsigned int& target);
     void WritePiece(const char* text, size_t length);
     void PadToIndent();
