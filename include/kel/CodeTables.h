@@ -5,7 +5,8 @@
 // the number; the numbers themselves travel as message identifiers and protocol codes.
 //
 // Each table is an ordered, read-only map from a signed 32-bit code to a name (upper-case ASCII
-// words joined by underscores; value code 0 has the empty name). It is made from the row lists
+// words joined by underscores; value code 0 has the empty name, and value 40339 keeps its
+// lower-case last word, "ADAPTER_STATUS_INFO_empty", as the suite has always spelt it). It is made from the row lists
 // in CodeTables.inc, in list order: a row is numbered one above the row before it unless it
 // carries its own number, which starts a new run; when two rows carry the same code the first
 // one stays; two codes may share a name and both keep it; iteration runs by ascending code.
