@@ -40,8 +40,10 @@ struct CErrorLog::LOGDATA {
 
 static_assert(sizeof(CErrorLog::LOGDATA*) == sizeof(void*), "");
 
-CKelException::CKelException(unsigned int code) noexcept : m_uCode(code) {
-    std::snprintf(m_szWhat, sizeof m_szWhat, "kelbase status 0x%08X", code);
+const char* CKelException::what() const noexcept {
+    // Made on demand: most library exceptions are handled by status and never asked.
+    if (m_szWhat[0] == '\0') std::snprintf(m_szWhat, sizeof m_szWhat, "kelbase status 0x%08X", m_uCode);
+    return m_szWhat;
 }
 
 CErrorLog::CErrorLog(const CErrorLog& other) {
