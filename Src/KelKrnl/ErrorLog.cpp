@@ -24,7 +24,8 @@ constexpr size_t kInitialBlock = 256;
 constexpr size_t kMaxBlock = 1u << 24; // a runaway message is cut, not grown without bound
 } // namespace
 
-struct CErrorLog::LOGDATA {
+// Aligned so that the table of entries (which hold pointers) right behind it is aligned too.
+struct alignas(8) CErrorLog::LOGDATA {
     unsigned int code;
     NATIVE_ERROR native;
     unsigned int count;
@@ -38,7 +39,7 @@ struct CErrorLog::LOGDATA {
     const char* Texts() const noexcept { return reinterpret_cast<const char*>(Table() + count); }
 };
 
-static_assert(sizeof(CErrorLog::LOGDATA*) == sizeof(void*), "");
+static_assert(sizeof(CErrorLog::LOGDATA) % alignof(ENTRY) == 0, "the entry table follows the header");
 
 const char* CKelException::what() const noexcept {
     // Made on demand: most library exceptions are handled by status and never asked.
