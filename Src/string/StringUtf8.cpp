@@ -3,12 +3,7 @@
 // Conversions between the narrow single-byte text (Latin-1 on this platform) and UTF-8, and
 // from wide text (wchar_t holding UTF-32 code points) to UTF-8.
 #define KEL_SOURCE_FILE "Src/string"
-// Guarded() instantiates Raise() without arguments, whose empty fold expression compilers
-// report as a statement without effect; that is harmless and confined to the header.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wunused-value"
 #include <kel/Exceptions.h>
-#pragma GCC diagnostic pop
 #include <kel/Strings.h>
 
 #include <cstdint>
