@@ -216,7 +216,7 @@ void CFormatStream::Fail(Exceptions::SOURCE_INFO& site) {
     Base_Classes::CFormatStreamBuffer* sink = m_pSink;
     End();
     if (!sink || !sink->RaisesFormatErrors()) throw Internals::CFormatAbort{};
-    Exceptions::Raise(site, 0x20010010u, nullptr, "%s", "Bad format");
+    Exceptions::Raise(site, 0x20010010u, nullptr, "Bad format");
 }
 
 // ---------------------------------------------------------------------------------------------
