@@ -218,6 +218,8 @@ public:
     unsigned int Wait(CSyncGuard* guard, unsigned int timeout = 0xFFFFFFFF);
     unsigned int Wait(CSyncGuard& guard, unsigned int timeout = 0xFFFFFFFF) { return Wait(&guard, timeout); }
     unsigned int Wait(unsigned int timeout = 0xFFFFFFFF) { return Wait(static_cast<CSyncGuard*>(nullptr), timeout); }
+    /// Keeps Wait(0) from reading as a null guard.
+    unsigned int Wait(int timeout) { return Wait(static_cast<unsigned int>(timeout)); }
     unsigned int Release();
     /// Reader lock (exactly Wait without InitForReadWrite).
     unsigned int WaitForRead(CSyncGuard* guard, unsigned int timeout = 0xFFFFFFFF);
@@ -227,6 +229,7 @@ public:
     unsigned int WaitForRead(unsigned int timeout = 0xFFFFFFFF) {
         return WaitForRead(static_cast<CSyncGuard*>(nullptr), timeout);
     }
+    unsigned int WaitForRead(int timeout) { return WaitForRead(static_cast<unsigned int>(timeout)); }
     unsigned int ReadRelease();
 
 private:
@@ -354,6 +357,8 @@ public:
     unsigned int Wait(CSyncGuard* guard, unsigned int timeout = 0xFFFFFFFF);
     unsigned int Wait(CSyncGuard& guard, unsigned int timeout = 0xFFFFFFFF) { return Wait(&guard, timeout); }
     unsigned int Wait(unsigned int timeout = 0xFFFFFFFF) { return Wait(static_cast<CSyncGuard*>(nullptr), timeout); }
+    /// Keeps Wait(0) from reading as a null guard.
+    unsigned int Wait(int timeout) { return Wait(static_cast<unsigned int>(timeout)); }
 };
 
 /// A shareable counting semaphore with a maximum.
@@ -364,6 +369,8 @@ public:
     unsigned int Wait(CSyncGuard* guard, unsigned int timeout = 0xFFFFFFFF);
     unsigned int Wait(CSyncGuard& guard, unsigned int timeout = 0xFFFFFFFF) { return Wait(&guard, timeout); }
     unsigned int Wait(unsigned int timeout = 0xFFFFFFFF) { return Wait(static_cast<CSyncGuard*>(nullptr), timeout); }
+    /// Keeps Wait(0) from reading as a null guard.
+    unsigned int Wait(int timeout) { return Wait(static_cast<unsigned int>(timeout)); }
 };
 
 /// A shared user interrupt: Set breaks the waits of every thread that installed it and has the
