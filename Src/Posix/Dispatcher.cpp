@@ -365,11 +365,6 @@ unsigned int WaitForObjects(CWaitContext& self, unsigned int count, CDispatcher*
                     return WR_Failed;
                 }
     }
-    // An alert that is already there ends the wait before it starts, as a queued APC would.
-    if (alertable && (self.m_uParker.load(std::memory_order_acquire) & CWaitContext::PW_Alert)) {
-        self.m_uParker.fetch_and(~CWaitContext::PW_Alert, std::memory_order_acq_rel);
-        return WR_IoCompletion;
-    }
     unsigned int result;
     if (count == 1 && objects[0]->GetType() == CDispatcher::DT_Mutex && CFastPath::TryMutex(self, objects[0], result))
         return result;
@@ -380,6 +375,12 @@ unsigned int WaitForObjects(CWaitContext& self, unsigned int count, CDispatcher*
         std::lock_guard<std::mutex> hold(g_DispatchLock);
         result = CEngine::TrySatisfy(w);
         if (result == WR_Failed) {
+            // An alert that is already there ends a wait that would block, as a queued APC
+            // would; a wait that is satisfied at once is not turned into a time-out by it.
+            if (alertable && (self.m_uParker.load(std::memory_order_acquire) & CWaitContext::PW_Alert)) {
+                self.m_uParker.fetch_and(~CWaitContext::PW_Alert, std::memory_order_acq_rel);
+                return WR_IoCompletion;
+            }
             if (timeoutMs == 0) return WR_Timeout;
             self.m_uParker.fetch_and(CWaitContext::PW_Alert | CWaitContext::PW_Polling, std::memory_order_relaxed);
             for (unsigned int i = 0; i < count; ++i) {

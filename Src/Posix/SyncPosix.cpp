@@ -222,60 +222,69 @@ unsigned int CFastMutex::InitForReadWrite() {
 }
 
 unsigned int CFastMutex::Wait(CSyncGuard* guard, unsigned int timeout) {
-    if (m_uUninitialised) KEL_RAISE(0x20010018u, "Mutex not initialized");
-    unsigned int status = Internals::CThreadCB::Current().Wait(m_pHandle, timeout);
-    if (status == URET_Timeout)
-        Internals::CSyncObject::SetRestoreFn(guard, Delegates_and_Calls::TFastDelegateR<unsigned int>(&CSyncGuard::Nop));
-    else
-        Internals::CSyncObject::SetRestoreFn(guard,
-                                             Delegates_and_Calls::TFastDelegateR<unsigned int>(this, &CFastMutex::Release));
-    return status;
+    return Exceptions::Guarded(KEL_SITE(), [&]() -> unsigned int {
+        if (m_uUninitialised) KEL_RAISE(0x20010018u, "Mutex not initialized");
+        unsigned int status = Internals::CThreadCB::Current().Wait(m_pHandle, timeout);
+        if (status == URET_Timeout)
+            Internals::CSyncObject::SetRestoreFn(guard, Delegates_and_Calls::TFastDelegateR<unsigned int>(&CSyncGuard::Nop));
+        else
+            Internals::CSyncObject::SetRestoreFn(guard,
+                                                 Delegates_and_Calls::TFastDelegateR<unsigned int>(this, &CFastMutex::Release));
+        return status;
+    });
 }
 
 unsigned int CFastMutex::Release() {
-    if (m_uUninitialised) KEL_RAISE(0x20010018u, "Mutex not initialized");
-    (void)m_pHandle->ReleaseMutex(Internals::CThreadCB::Current().m_WaitContext);
-    return 1;
+    return Exceptions::Guarded(KEL_SITE(), [&]() -> unsigned int {
+        if (m_uUninitialised) KEL_RAISE(0x20010018u, "Mutex not initialized");
+        (void)m_pHandle->ReleaseMutex(Internals::CThreadCB::Current().m_WaitContext);
+        return 1;
+    });
 }
 
 unsigned int CFastMutex::WaitForRead(CSyncGuard* guard, unsigned int timeout) {
-    if (!m_pGate) return Wait(guard, timeout);
-    unsigned int status = m_pGate->Wait(timeout);
-    if (status != 1) {
-        Internals::CSyncObject::SetRestoreFn(guard, Delegates_and_Calls::TFastDelegateR<unsigned int>(&CSyncGuard::Nop));
-        return status;
-    }
-    status = 1;
-    try {
-        if (++m_iReaders == 1) {
-            status = Wait(timeout);
-            if (status == URET_Timeout) {
-                --m_iReaders;
-                Internals::CSyncObject::SetRestoreFn(
-                    guard, Delegates_and_Calls::TFastDelegateR<unsigned int>(&CSyncGuard::Nop));
-            } else {
-                Internals::CSyncObject::SetRestoreFn(
-                    guard, Delegates_and_Calls::TFastDelegateR<unsigned int>(this, &CFastMutex::ReadRelease));
-            }
+    return Exceptions::Guarded(KEL_SITE(), [&]() -> unsigned int {
+        if (!m_pGate) return Wait(guard, timeout);
+        unsigned int status = m_pGate->Wait(timeout);
+        if (status != 1) {
+            Internals::CSyncObject::SetRestoreFn(guard, Delegates_and_Calls::TFastDelegateR<unsigned int>(&CSyncGuard::Nop));
+            return status;
         }
-    } catch (...) {
-        // An interrupt while the first reader waits: the reader never entered.
-        --m_iReaders;
+        status = 1;
+        try {
+            if (++m_iReaders == 1) {
+                status = Wait(timeout);
+                // A time-out, or a failure handed back as a status: the reader never entered.
+                if (status != URET_Ok && status != URET_Abandoned) {
+                    --m_iReaders;
+                    Internals::CSyncObject::SetRestoreFn(
+                        guard, Delegates_and_Calls::TFastDelegateR<unsigned int>(&CSyncGuard::Nop));
+                } else {
+                    Internals::CSyncObject::SetRestoreFn(
+                        guard, Delegates_and_Calls::TFastDelegateR<unsigned int>(this, &CFastMutex::ReadRelease));
+                }
+            }
+        } catch (...) {
+            // An interrupt while the first reader waits: the reader never entered.
+            --m_iReaders;
+            m_pGate->Release();
+            throw;
+        }
         m_pGate->Release();
-        throw;
-    }
-    m_pGate->Release();
-    return status;
+        return status;
+    });
 }
 
 unsigned int CFastMutex::ReadRelease() {
-    if (!m_pGate) return Release();
-    unsigned int status = m_pGate->Wait(0xFFFFFFFFu);
-    if (status != 1) return status;
-    status = 1;
-    if (--m_iReaders == 0) status = Release();
-    m_pGate->Release();
-    return status;
+    return Exceptions::Guarded(KEL_SITE(), [&]() -> unsigned int {
+        if (!m_pGate) return Release();
+        unsigned int status = m_pGate->Wait(0xFFFFFFFFu);
+        if (status != 1) return status;
+        status = 1;
+        if (--m_iReaders == 0) status = Release();
+        m_pGate->Release();
+        return status;
+    });
 }
 
 // ---- CFastEvent ---------------------------------------------------------------------------
@@ -300,27 +309,33 @@ unsigned int CFastEvent::Init(unsigned int manualReset) {
 }
 
 unsigned int CFastEvent::Set() {
-    if (m_uUninitialised) KEL_RAISE(0x20010018u, "Event not initialized");
-    m_pHandle->SetEvent();
-    return 1;
+    return Exceptions::Guarded(KEL_SITE(), [&]() -> unsigned int {
+        if (m_uUninitialised) KEL_RAISE(0x20010018u, "Event not initialized");
+        m_pHandle->SetEvent();
+        return 1;
+    });
 }
 
 unsigned int CFastEvent::Reset() {
-    if (m_uUninitialised) KEL_RAISE(0x20010018u, "Event not initialized");
-    m_pHandle->ResetEvent();
-    return 1;
+    return Exceptions::Guarded(KEL_SITE(), [&]() -> unsigned int {
+        if (m_uUninitialised) KEL_RAISE(0x20010018u, "Event not initialized");
+        m_pHandle->ResetEvent();
+        return 1;
+    });
 }
 
 unsigned int CFastEvent::Wait(unsigned int timeout) {
-    if (m_uUninitialised || !m_pHandle) KEL_RAISE(0x20010018u, "Event not initialized");
-    const unsigned int id = m_pHandle->GetId();
-    KEL_TRACE(KEL_MODULE_INFO_KelLib, 0x20, "KEL::Threading::Native_OS::CFastEvent::Wait", "Before Tcb->Wait(x%x, x%x)")
-        << id << timeout;
-    unsigned int status = Internals::CThreadCB::Current().Wait(m_pHandle, timeout);
-    KEL_TRACE(KEL_MODULE_INFO_KelLib, 0x20, "KEL::Threading::Native_OS::CFastEvent::Wait",
-              "After Tcb->Wait(x%x, x%x)=%d")
-        << id << timeout << status;
-    return status;
+    return Exceptions::Guarded(KEL_SITE(), [&]() -> unsigned int {
+        if (m_uUninitialised || !m_pHandle) KEL_RAISE(0x20010018u, "Event not initialized");
+        const unsigned int id = m_pHandle->GetId();
+        KEL_TRACE(KEL_MODULE_INFO_KelLib, 0x20, "KEL::Threading::Native_OS::CFastEvent::Wait", "Before Tcb->Wait(x%x, x%x)")
+            << id << timeout;
+        unsigned int status = Internals::CThreadCB::Current().Wait(m_pHandle, timeout);
+        KEL_TRACE(KEL_MODULE_INFO_KelLib, 0x20, "KEL::Threading::Native_OS::CFastEvent::Wait",
+                  "After Tcb->Wait(x%x, x%x)=%d")
+            << id << timeout << status;
+        return status;
+    });
 }
 
 } // namespace Native_OS
@@ -332,15 +347,17 @@ CTls::~CTls() {
 }
 
 unsigned int CTls::Init() {
-    if (m_uIndex != NotAllocated) return 1;
-    pthread_key_t key;
-    int rc = ::pthread_key_create(&key, nullptr);
-    if (rc != 0) {
-        errno = rc;
-        KEL_RAISE_NATIVE(0x20010030u, Functions::GetOsError(), "Can't allocated thread local storage");
-    }
-    m_uIndex = static_cast<unsigned int>(key);
-    return 1;
+    return Exceptions::Guarded(KEL_SITE(), [&]() -> unsigned int {
+        if (m_uIndex != NotAllocated) return 1;
+        pthread_key_t key;
+        int rc = ::pthread_key_create(&key, nullptr);
+        if (rc != 0) {
+            errno = rc;
+            KEL_RAISE_NATIVE(0x20010030u, Functions::GetOsError(), "Can't allocated thread local storage");
+        }
+        m_uIndex = static_cast<unsigned int>(key);
+        return 1;
+    });
 }
 
 void* CTls::GetValue() const noexcept {
