@@ -41,7 +41,36 @@ struct CWaiterRec {
 
 namespace {
 
-std::mutex g_DispatchLock;
+// The dispatcher lock. It is held for a few list operations only, so a contender spins for a
+// while before it sleeps: a wake-up through the kernel costs far more than the wait for the
+// holder (std::mutex would sleep at once and turn ping-pong into a lock convoy).
+class CDispatchLock {
+public:
+    void lock() noexcept {
+        int expected = 0;
+        if (m_iState.compare_exchange_strong(expected, 1, std::memory_order_acquire, std::memory_order_relaxed)) return;
+        for (int spin = 0; spin < 4000; ++spin) {
+#if defined(__x86_64__) || defined(__i386__)
+            __builtin_ia32_pause();
+#endif
+            expected = 0;
+            if (m_iState.load(std::memory_order_relaxed) == 0 &&
+                m_iState.compare_exchange_weak(expected, 1, std::memory_order_acquire, std::memory_order_relaxed))
+                return;
+        }
+        while (m_iState.exchange(2, std::memory_order_acquire) != 0)
+            ::syscall(SYS_futex, reinterpret_cast<int*>(&m_iState), FUTEX_WAIT_PRIVATE, 2, nullptr, nullptr, 0);
+    }
+    void unlock() noexcept {
+        if (m_iState.exchange(0, std::memory_order_release) == 2)
+            ::syscall(SYS_futex, reinterpret_cast<int*>(&m_iState), FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+    }
+
+private:
+    std::atomic<int> m_iState{0};
+};
+
+CDispatchLock g_DispatchLock;
 std::atomic<unsigned int> g_uNextId{0x100};
 
 constexpr uintptr_t kWaitersBit = 1;
@@ -78,9 +107,38 @@ uint32_t Park(CWaitContext& self, uint64_t deadline, bool alertable) noexcept {
     }
 }
 
-// Sets bits in a waiter's parker and wakes it. The fetch_or is the last access to the waiter's
-// memory: once it sees the wake bit it may return and end its thread.
-void Unpark(CWaitContext& ctx, uint32_t bits) noexcept {
+// Futex wake-ups collected under the dispatcher lock and issued after it is released, so that
+// a woken thread does not run into the lock its waker still holds. Waking an address whose
+// owner has meanwhile left is harmless: it is only a system call on an address, and every
+// futex user tolerates spurious wake-ups.
+class CDeferredWakes {
+public:
+    CDeferredWakes() noexcept = default;
+    CDeferredWakes(const CDeferredWakes&) = delete;
+    CDeferredWakes& operator=(const CDeferredWakes&) = delete;
+    ~CDeferredWakes() { Flush(); }
+    void Add(std::atomic<uint32_t>* word) noexcept {
+        if (m_nCount == kCapacity) {
+            WakeOne(word); // a full list wakes at once, still correct
+            return;
+        }
+        m_Words[m_nCount++] = word;
+    }
+    void Flush() noexcept {
+        for (unsigned int i = 0; i < m_nCount; ++i) WakeOne(m_Words[i]);
+        m_nCount = 0;
+    }
+
+private:
+    static constexpr unsigned int kCapacity = 16;
+    std::atomic<uint32_t>* m_Words[kCapacity];
+    unsigned int m_nCount = 0;
+};
+
+// Sets bits in a waiter's parker and wakes it (now, or through `deferred`). The fetch_or is
+// the last access to the waiter's memory: once it sees the wake bit it may return and end its
+// thread.
+void Unpark(CWaitContext& ctx, uint32_t bits, CDeferredWakes* deferred = nullptr) noexcept {
     std::atomic<uint32_t>* word = &ctx.m_uParker;
     uint32_t old = word->fetch_or(bits, std::memory_order_acq_rel);
     if (old & CWaitContext::PW_Polling) {
@@ -90,7 +148,10 @@ void Unpark(CWaitContext& ctx, uint32_t bits) noexcept {
         ssize_t n = ::write(ctx.m_iEventFd.load(std::memory_order_relaxed), &one, sizeof one);
         (void)n;
     }
-    WakeOne(word);
+    if (deferred)
+        deferred->Add(word);
+    else
+        WakeOne(word);
 }
 
 } // namespace
@@ -135,7 +196,9 @@ struct CEngine {
                                                      std::memory_order_relaxed)) {
             }
             o->m_nRecursion = 1;
-            return o->m_bAbandoned.exchange(false, std::memory_order_relaxed);
+            if (!o->m_bAbandoned.load(std::memory_order_relaxed)) return false;
+            o->m_bAbandoned.store(false, std::memory_order_relaxed);
+            return true;
         }
         }
         return false;
@@ -176,7 +239,7 @@ struct CEngine {
     }
 
     // Hands the object to the waiters queued on it, in order, while it stays signalled.
-    static void Wake(CDispatcher* o) noexcept {
+    static void Wake(CDispatcher* o, CDeferredWakes& wakes) noexcept {
         bool again = true;
         while (again) {
             again = false;
@@ -191,7 +254,7 @@ struct CEngine {
                     result = (Acquire(o, w.ctx) ? WR_Abandoned0 : WR_Object0) + e->index;
                 }
                 Dequeue(w);
-                Unpark(*w.ctx, CWaitContext::PW_Wake | ((result + 1) << CWaitContext::PW_ResultShift));
+                Unpark(*w.ctx, CWaitContext::PW_Wake | ((result + 1) << CWaitContext::PW_ResultShift), &wakes);
                 again = true;
                 break;
             }
@@ -242,18 +305,19 @@ void CDispatcher::Release() noexcept {
 }
 
 void CDispatcher::SetEvent() noexcept {
-    std::lock_guard<std::mutex> hold(g_DispatchLock);
+    CDeferredWakes wakes;
+    std::lock_guard<CDispatchLock> hold(g_DispatchLock);
     m_iState = 1;
-    if (!m_Waiters.IsEmpty()) CEngine::Wake(this);
+    if (!m_Waiters.IsEmpty()) CEngine::Wake(this, wakes);
 }
 
 void CDispatcher::ResetEvent() noexcept {
-    std::lock_guard<std::mutex> hold(g_DispatchLock);
+    std::lock_guard<CDispatchLock> hold(g_DispatchLock);
     m_iState = 0;
 }
 
 bool CDispatcher::IsSignalled() const noexcept {
-    std::lock_guard<std::mutex> hold(g_DispatchLock);
+    std::lock_guard<CDispatchLock> hold(g_DispatchLock);
     return CEngine::IsReadyFor(this, nullptr);
 }
 
@@ -269,21 +333,23 @@ bool CDispatcher::ReleaseMutex(CWaitContext& self) noexcept {
     if (v == me && m_Owner.compare_exchange_strong(v, 0, std::memory_order_release, std::memory_order_relaxed))
         return true;
     // Waiters are queued (the bit stops every fast path): hand over under the lock.
-    std::lock_guard<std::mutex> hold(g_DispatchLock);
+    CDeferredWakes wakes;
+    std::lock_guard<CDispatchLock> hold(g_DispatchLock);
     m_Owner.store(m_Owner.load(std::memory_order_relaxed) & kWaitersBit, std::memory_order_release);
-    CEngine::Wake(this);
+    CEngine::Wake(this, wakes);
     return true;
 }
 
 bool CDispatcher::ReleaseSemaphore(int count, int* previous) noexcept {
-    std::lock_guard<std::mutex> hold(g_DispatchLock);
+    CDeferredWakes wakes;
+    std::lock_guard<CDispatchLock> hold(g_DispatchLock);
     if (count <= 0 || m_iState > m_iMaximum - count) {
         errno = count <= 0 ? EINVAL : EOVERFLOW;
         return false;
     }
     if (previous) *previous = m_iState;
     m_iState += count;
-    CEngine::Wake(this);
+    CEngine::Wake(this, wakes);
     return true;
 }
 
@@ -294,7 +360,7 @@ CWaitContext::~CWaitContext() {
     int fd = m_iEventFd.load(std::memory_order_relaxed);
     if (fd >= 0) {
         // Wakers write the descriptor under one of the two locks; let them finish.
-        { std::lock_guard<std::mutex> hold(g_DispatchLock); }
+        { std::lock_guard<CDispatchLock> hold(g_DispatchLock); }
         ::close(fd);
     }
 }
@@ -304,11 +370,12 @@ void CWaitContext::Alert() noexcept { Unpark(*this, PW_Alert); }
 void CWaitContext::AbandonOwnedMutexes() noexcept {
     while (CDispatcher* o = m_OwnedMutexes.Start()) {
         o->Detach();
-        std::lock_guard<std::mutex> hold(g_DispatchLock);
+        CDeferredWakes wakes;
+        std::lock_guard<CDispatchLock> hold(g_DispatchLock);
         o->m_nRecursion = 0;
         o->m_bAbandoned.store(true, std::memory_order_relaxed);
         o->m_Owner.store(o->m_Owner.load(std::memory_order_relaxed) & kWaitersBit, std::memory_order_release);
-        CEngine::Wake(o);
+        CEngine::Wake(o, wakes);
     }
 }
 
@@ -332,24 +399,26 @@ void NoteOwnership(CWaitContext& self, CDispatcher* const* objects, unsigned int
 
 } // namespace
 
-// The uncontended mutex: one compare-and-swap, no lock.
-struct CFastPath {
-    static bool TryMutex(CWaitContext& self, CDispatcher* o, unsigned int& result) noexcept {
-        const uintptr_t me = reinterpret_cast<uintptr_t>(&self);
-        uintptr_t v = o->m_Owner.load(std::memory_order_relaxed);
-        if ((v & ~kWaitersBit) == me) {
-            ++o->m_nRecursion;
-            result = WR_Object0;
-            return true;
-        }
-        if (v != 0 || !o->m_Owner.compare_exchange_strong(v, me, std::memory_order_acquire, std::memory_order_relaxed))
-            return false;
-        o->m_nRecursion = 1;
-        self.m_OwnedMutexes.Add(o);
-        result = o->m_bAbandoned.exchange(false, std::memory_order_relaxed) ? WR_Abandoned0 : WR_Object0;
+bool CDispatcher::TryAcquireMutexFast(CWaitContext& self, unsigned int& result) noexcept {
+    const uintptr_t me = reinterpret_cast<uintptr_t>(&self);
+    uintptr_t v = m_Owner.load(std::memory_order_relaxed);
+    if ((v & ~kWaitersBit) == me) {
+        ++m_nRecursion;
+        result = WR_Object0;
         return true;
     }
-};
+    if (v != 0 || !m_Owner.compare_exchange_strong(v, me, std::memory_order_acquire, std::memory_order_relaxed))
+        return false;
+    m_nRecursion = 1;
+    self.m_OwnedMutexes.Add(this);
+    result = WR_Object0;
+    // A plain load first: an exchange would be a second locked instruction on every acquire.
+    if (m_bAbandoned.load(std::memory_order_relaxed)) {
+        m_bAbandoned.store(false, std::memory_order_relaxed);
+        result = WR_Abandoned0;
+    }
+    return true;
+}
 
 unsigned int WaitForObjects(CWaitContext& self, unsigned int count, CDispatcher* const* objects, bool waitAll,
                             unsigned int timeoutMs, bool alertable) noexcept {
@@ -366,13 +435,13 @@ unsigned int WaitForObjects(CWaitContext& self, unsigned int count, CDispatcher*
                 }
     }
     unsigned int result;
-    if (count == 1 && objects[0]->GetType() == CDispatcher::DT_Mutex && CFastPath::TryMutex(self, objects[0], result))
+    if (count == 1 && objects[0]->GetType() == CDispatcher::DT_Mutex && objects[0]->TryAcquireMutexFast(self, result))
         return result;
 
     CWaitEntry entries[kMaxWaitObjects];
     CWaiterRec w{&self, objects, entries, count, waitAll};
     {
-        std::lock_guard<std::mutex> hold(g_DispatchLock);
+        std::lock_guard<CDispatchLock> hold(g_DispatchLock);
         result = CEngine::TrySatisfy(w);
         if (result == WR_Failed) {
             // An alert that is already there ends a wait that would block, as a queued APC
@@ -398,7 +467,7 @@ unsigned int WaitForObjects(CWaitContext& self, unsigned int count, CDispatcher*
     if (result == WR_Failed) {
         uint32_t bits = Park(self, Deadline(timeoutMs), alertable);
         if (!(bits & CWaitContext::PW_Wake)) {
-            std::lock_guard<std::mutex> hold(g_DispatchLock);
+            std::lock_guard<CDispatchLock> hold(g_DispatchLock);
             bits = self.m_uParker.load(std::memory_order_acquire);
             // Satisfied just before we took the lock: the object is ours, keep it.
             if (!(bits & CWaitContext::PW_Wake)) CEngine::Dequeue(w);

@@ -98,13 +98,16 @@ public:
     /// false (errno EOVERFLOW) when the count would pass the maximum.
     bool ReleaseSemaphore(int count, int* previous) noexcept;
 
+    /// Takes an uncontended mutex for `self` without the dispatcher lock (one compare-and-swap),
+    /// also recursively; `result` is WR_Object0 or WR_Abandoned0. false when it is not free.
+    bool TryAcquireMutexFast(CWaitContext& self, unsigned int& result) noexcept;
+
     /// Whether the object is signalled now (events, semaphores) or free (mutexes).
     bool IsSignalled() const noexcept;
 
 private:
     friend class CWaitContext;
     friend struct CEngine;
-    friend struct CFastPath;
     friend unsigned int WaitForObjects(CWaitContext&, unsigned int, CDispatcher* const*, bool, unsigned int,
                                        bool) noexcept;
     explicit CDispatcher(TYPE type) noexcept;

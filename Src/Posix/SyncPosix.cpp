@@ -222,6 +222,14 @@ unsigned int CFastMutex::InitForReadWrite() {
 }
 
 unsigned int CFastMutex::Wait(CSyncGuard* guard, unsigned int timeout) {
+    // The uncontended case: no lock, no system call, nothing that can fail.
+    Internals::CThreadCB* cb = Internals::CThreadCB::Peek();
+    unsigned int fast;
+    if (!m_uUninitialised && cb && !cb->InterruptRaised() && m_pHandle->TryAcquireMutexFast(cb->m_WaitContext, fast)) {
+        Internals::CSyncObject::SetRestoreFn(guard,
+                                             Delegates_and_Calls::TFastDelegateR<unsigned int>(this, &CFastMutex::Release));
+        return fast == Internals::Posix::WR_Object0 ? URET_Ok : URET_Abandoned;
+    }
     return Exceptions::Guarded(KEL_SITE(), [&]() -> unsigned int {
         if (m_uUninitialised) KEL_RAISE(0x20010018u, "Mutex not initialized");
         unsigned int status = Internals::CThreadCB::Current().Wait(m_pHandle, timeout);
@@ -235,6 +243,12 @@ unsigned int CFastMutex::Wait(CSyncGuard* guard, unsigned int timeout) {
 }
 
 unsigned int CFastMutex::Release() {
+    if (!m_uUninitialised) {
+        if (Internals::CThreadCB* cb = Internals::CThreadCB::Peek()) {
+            (void)m_pHandle->ReleaseMutex(cb->m_WaitContext);
+            return 1;
+        }
+    }
     return Exceptions::Guarded(KEL_SITE(), [&]() -> unsigned int {
         if (m_uUninitialised) KEL_RAISE(0x20010018u, "Mutex not initialized");
         (void)m_pHandle->ReleaseMutex(Internals::CThreadCB::Current().m_WaitContext);

@@ -68,6 +68,10 @@ public:
     /// Marks `interrupt` pending on this thread (by the same rule as a Set) and wakes its wait.
     unsigned int PostWaitInterrupt(Posix::CWaitCB* interrupt);
     unsigned int GetIntrMask() const noexcept { return m_uInterruptMask; }
+    /// Whether a wait would throw for an interrupt now (the owning thread asks).
+    bool InterruptRaised() const noexcept {
+        return (m_uPendingInterrupts.load(std::memory_order_acquire) & m_uInterruptMask) != 0;
+    }
     unsigned int GetPendingInterrupts() const noexcept { return m_uPendingInterrupts.load(std::memory_order_acquire); }
 
     /// Starts `function` on a new thread with this block.

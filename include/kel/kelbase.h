@@ -11,5 +11,6 @@
 #include <kel/Functions.h>
 #include <kel/Trace.h>
 #include <kel/LanguageSupport.h>
+#include <kel/Delegates.h>
 #include <kel/Threading.h>
 #include <kel/Xml.h>
