@@ -11,6 +11,7 @@
 #include <kel/Functions.h>
 #include <kel/Trace.h>
 #include <kel/LanguageSupport.h>
+#include <kel/Delegates.h>
 #include <kel/Threading.h>
 #include <kel/Xml.h>
 #include <kel/CodeTables.h>
