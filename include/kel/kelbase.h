@@ -13,3 +13,6 @@
 #include <kel/LanguageSupport.h>
 #include <kel/Threading.h>
 #include <kel/Xml.h>
+#include <kel/IniFiles.h>
+#include <kel/FileSystem.h>
+#include <kel/Json.h>
