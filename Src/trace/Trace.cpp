@@ -259,7 +259,7 @@ unsigned int CTrace::Open(const fs::path& directory, const std::string& name, co
 
 void CTrace::WriteBanner() {
     Strings::TString<2048> text;
-    text.Format("\n%=*100c\n\n") << int('*');
+    text.Format("\n%=*100c\n\n") << int(' ');
     text.Format("Tracing started at: %s\nModule list: ") << Internals::AscTimeNow();
     CListHold hold;
     for (Misc::CModuleInfo* m = Misc::CModuleInfo::Enum(nullptr); m; m = Misc::CModuleInfo::Enum(m)) {
