@@ -33,11 +33,11 @@ KEL_API Exceptions::NATIVE_ERROR GetErrno() noexcept;
 
 /// The process id.
 KEL_API unsigned long long GetCurrentProcessID() noexcept;
-/// The process's current directory into `out`; 1, or 0 / throw with 0x20010017 and the system
-/// error (for example when the directory was removed).
+/// The process's current directory into `out`. Returns 1, or status 0x20010017 with the
+/// system error (for example when the directory was removed; a throw in throw mode).
 KEL_API unsigned int GetCurrentDirectoryA(Strings::CStringVar& out);
 /// The host's name (`host`) and its fully qualified DNS name (`fqdn`, the host name again when
-/// the resolver knows no longer one); 1, or 0 / throw with 0x20010017 and the system error.
+/// the resolver knows no longer one). Returns 1, or status 0x20010017 with the system error.
 KEL_API unsigned int GetDnsName(Strings::CStringVar& host, Strings::CStringVar& fqdn);
 KEL_API unsigned int GetDnsName(std::string& host, std::string& fqdn);
 /// Checks the C runtime heap; 1 when sound. A damaged heap is reported on standard error

@@ -98,7 +98,8 @@ public:
 
     /// Reads `file` under a shared advisory lock, waiting up to `waitMs` milliseconds for the
     /// lock (0 tries once, 0xFFFFFFFF waits for ever), and replaces the contents of this object.
-    /// Returns 1, or 0 with the reason in the thread's error log (or throws in throw mode):
+    /// Returns 1, or the failure's status with the reason in the thread's error log (or throws
+    /// in throw mode):
     /// 0x20010017 with the system error when the file cannot be opened or read or the lock was
     /// not had in time (EWOULDBLOCK), 0x20010029 when the file is larger than 64 MiB. On failure
     /// the previous contents stay.

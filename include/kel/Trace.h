@@ -60,7 +60,7 @@ public:
     /// Reads the settings of `name` from `iniFile` (default: `directory`/`name`.ini) in
     /// section `section` with CIniFile::Read(file, 2000), creates `directory`/logs and starts
     /// the file sink, then writes the start banner and gives every registered module the
-    /// configured trace-point mask. Returns 1, or 0 / throws (thread's throw mode) with
+    /// configured trace-point mask. Returns 1, or the status (or throws, by the thread's throw mode):
     /// 0x20010007 when this trace is already open and 0x20010017 with the system error when
     /// the log directory cannot be created or written.
     unsigned int Open(const boost::filesystem::path& directory, const std::string& name,
