@@ -237,6 +237,11 @@ unsigned int CTrace::Open(const fs::path& directory, const std::string& name, co
             m_pImpl->m_pSink = sink;
             logging::core::get()->add_sink(sink);
         }
+        {
+            CListHold hold;
+            for (Misc::CModuleInfo* m = Misc::CModuleInfo::Enum(nullptr); m; m = Misc::CModuleInfo::Enum(m))
+                SetModuleFlags(*m);
+        }
         try {
             WriteBanner();
         } catch (const std::exception& e) {
@@ -245,11 +250,6 @@ unsigned int CTrace::Open(const fs::path& directory, const std::string& name, co
             Close();
             Exceptions::NATIVE_ERROR native{2u, static_cast<unsigned int>(err)};
             KEL_RAISE_NATIVE(0x20010017u, native, "Can't write the trace file in %s: %s", logDir.string(), e.what());
-        }
-        {
-            CListHold hold;
-            for (Misc::CModuleInfo* m = Misc::CModuleInfo::Enum(nullptr); m; m = Misc::CModuleInfo::Enum(m))
-                SetModuleFlags(*m);
         }
         Internals::g_pfnModuleLoaded.store(&CImpl::ModuleHook, std::memory_order_release);
         Internals::g_pfnTraceWrite.store(&CImpl::WriteHook, std::memory_order_release);
@@ -264,7 +264,7 @@ void CTrace::WriteBanner() {
     CListHold hold;
     for (Misc::CModuleInfo* m = Misc::CModuleInfo::Enum(nullptr); m; m = Misc::CModuleInfo::Enum(m)) {
         text.Format("%+ 20s, Version=%- 20s, Trace flags=%08X\n")
-            << m->GetModuleName() << m->GetVersionInfo() << m_uFlags;
+            << m->GetModuleName() << m->GetVersionInfo() << m->GetTrcPoints();
     }
     m_pImpl->m_Recent.Write(text);
     m_pImpl->Push(text.data(), text.Length());
