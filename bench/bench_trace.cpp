@@ -21,6 +21,9 @@
 #include <boost/log/utility/setup/formatter_parser.hpp>
 #include <boost/make_shared.hpp>
 
+#include <cstdio>
+#include <fstream>
+
 namespace {
 
 namespace fs = boost::filesystem;

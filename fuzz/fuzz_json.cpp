@@ -5,7 +5,7 @@
 // again).
 #include <kel/Json.h>
 
-#include <rapidjson/document.h>
+#include "KEL_Json/RapidJson.h"
 
 #include <cstddef>
 #include <cstdint>

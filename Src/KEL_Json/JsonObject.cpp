@@ -7,10 +7,7 @@
 #include <kel/Json.h>
 #include <kel/Trace.h>
 
-#include <rapidjson/document.h>
-#include <rapidjson/error/en.h>
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
+#include "KEL_Json/RapidJson.h"
 
 namespace KEL {
 namespace Json {

@@ -28,6 +28,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <ctime>
 #include <shared_mutex>
 
 namespace KEL {

@@ -2,10 +2,11 @@
 #include <kel/Exceptions.h>
 #include <kel/Json.h>
 
+#include "KEL_Json/RapidJson.h"
+
 #include "KelKrnl/Hooks.h"
 
 #include <gtest/gtest.h>
-#include <rapidjson/document.h>
 
 #include <boost/filesystem.hpp>
 
