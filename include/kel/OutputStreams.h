@@ -155,6 +155,7 @@ public:
     CStringStreamBuffer() noexcept = default;
     explicit CStringStreamBuffer(Strings::CStringVar* target) noexcept : m_pTarget(target) {}
     void Init(Strings::CStringVar* target) noexcept { m_pTarget = target; m_nColumn = 0; }
+    Strings::CStringVar* GetTarget() const noexcept { return m_pTarget; }
     void Write(const char* text, size_t length, unsigned int upperCase) override;
     void Fill(int ch, size_t count) override;
 
@@ -237,7 +238,8 @@ public:
     CFormatStream& operator<<(long long v) { return FormatInt(v); }
     CFormatStream& operator<<(unsigned long long v) { return FormatInt(v); }
     /// Writes plain text into the stream without consuming a directive: after the format's
-    /// text up to the next directive (`Format("(%s)") >> "[" << x >> "]"` gives "([x])").
+    /// text up to the next directive, in front of its field (`Format("(%s)") >> "[" << x`
+    /// gives "([x)"); once no directive is left, after the whole format text.
     CFormatStream& operator>>(const char* text);
 
     /// The directive parser: advances to the next directive, writing plain text on the way.
@@ -279,6 +281,9 @@ protected:
 private:
     friend class Base_Classes::CFormatStreamBuffer;
     const char* ScanPlain();
+    void Emit(const char* text, size_t length);
+    size_t CurrentColumn() const noexcept;
+    unsigned int TypeReady(const char* p, unsigned int isInteger);
     unsigned int TakeStar(unsigned long long value, unsigned int isInteger, unsigned int& target);
     void WritePiece(const char* text, size_t length);
     void PadToIndent();

@@ -13,6 +13,7 @@
 #include <kel/LanguageSupport.h>
 #include <kel/Threading.h>
 #include <kel/Xml.h>
+#include <kel/CodeTables.h>
 #include <kel/IniFiles.h>
 #include <kel/FileSystem.h>
 #include <kel/Json.h>
