@@ -15,3 +15,6 @@
 #include <kel/Threading.h>
 #include <kel/Xml.h>
 #include <kel/CodeTables.h>
+#include <kel/IniFiles.h>
+#include <kel/FileSystem.h>
+#include <kel/Json.h>
