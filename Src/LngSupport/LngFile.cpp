@@ -115,16 +115,16 @@ unsigned int CLngFile::Open(const char* path) {
             KEL_RAISE(Status_Corrupt, "Language file %s: header truncated", path);
         if (ReadLE32(header) != Nls_Magic) KEL_RAISE(Status_Corrupt, "Language file %s: bad magic", path);
         if (ReadLE32(header + 4) != m_nStrings)
-            KEL_RAISE(Status_Corrupt, "Language file %s: %u strings instead of %u", path, ReadLE32(header + 4),
+            KEL_RAISE(Status_Corrupt, "Language file %s: %d strings instead of %d", path, ReadLE32(header + 4),
                       static_cast<unsigned int>(m_nStrings));
         unsigned long long count = ReadLE32(header + 8);
         unsigned long long expected = Header_Size + Entry_Header_Size * count;
         // Checked before allocating: a huge N in a small file is corruption, not a memory shortage.
         if (expected > fileSize)
-            KEL_RAISE(Status_Corrupt, "Language file %s: %u entries do not fit", path, static_cast<unsigned int>(count));
+            KEL_RAISE(Status_Corrupt, "Language file %s: %d entries do not fit", path, static_cast<unsigned int>(count));
 
         entries = new (std::nothrow) LNGDATA[count + 1];
-        if (!entries) KEL_RAISE(Status_Memory, "Out of memory for %u language entries", static_cast<unsigned int>(count));
+        if (!entries) KEL_RAISE(Status_Memory, "Out of memory for %d language entries", static_cast<unsigned int>(count));
         entries[0] = m_Default;
         for (unsigned long long i = 1; i <= count; ++i) {
             unsigned char raw[Entry_Header_Size];
@@ -141,12 +141,12 @@ unsigned int CLngFile::Open(const char* path) {
             e.name[32] = '\0';
             if (e.offset < 0 || offset < Header_Size + Entry_Header_Size * count ||
                 static_cast<unsigned long long>(offset) + e.size > fileSize)
-                KEL_RAISE(Status_Corrupt, "Language file %s: entry %u lies outside the file", path,
+                KEL_RAISE(Status_Corrupt, "Language file %s: entry %d lies outside the file", path,
                           static_cast<unsigned int>(i));
             expected += e.size;
         }
         if (expected != fileSize)
-            KEL_RAISE(Status_Corrupt, "Language file %s: size %u instead of %u", path,
+            KEL_RAISE(Status_Corrupt, "Language file %s: size %d instead of %d", path,
                       static_cast<unsigned int>(fileSize), static_cast<unsigned int>(expected));
 
         m_pEntries = entries;
@@ -171,13 +171,13 @@ void CLngFile::LoadStrings(size_t entryIndex) {
     if (e.strings) return;
     size_t table = sizeof(char*) * static_cast<size_t>(m_nStrings);
     char* block = new (std::nothrow) char[table + e.size];
-    if (!block) KEL_RAISE(Status_Memory, "Out of memory for entry %u", static_cast<unsigned int>(entryIndex));
+    if (!block) KEL_RAISE(Status_Memory, "Out of memory for entry %d", static_cast<unsigned int>(entryIndex));
     char* text = block + table;
     errno = 0;
     if (std::fseek(m_pFile, e.offset, SEEK_SET) != 0 || std::fread(text, 1, e.size, m_pFile) != e.size) {
         Exceptions::NATIVE_ERROR native = Functions::GetOsError();
         delete[] block;
-        KEL_RAISE_NATIVE(Status_Corrupt, native, "Language file %s: entry %u truncated", m_FileName.C_Str(),
+        KEL_RAISE_NATIVE(Status_Corrupt, native, "Language file %s: entry %d truncated", m_FileName.C_Str(),
                          static_cast<unsigned int>(entryIndex));
     }
     // Pointer k points at the k-th NUL-terminated string; the block must hold exactly that many.
@@ -188,7 +188,7 @@ void CLngFile::LoadStrings(size_t entryIndex) {
         const void* nul = p < end ? std::memchr(p, '\0', static_cast<size_t>(end - p)) : nullptr;
         if (!nul) {
             delete[] block;
-            KEL_RAISE(Status_Corrupt, "Language file %s: entry %u holds too few strings", m_FileName.C_Str(),
+            KEL_RAISE(Status_Corrupt, "Language file %s: entry %d holds too few strings", m_FileName.C_Str(),
                       static_cast<unsigned int>(entryIndex));
         }
         strings[k] = p;
@@ -196,7 +196,7 @@ void CLngFile::LoadStrings(size_t entryIndex) {
     }
     if (p != end) {
         delete[] block;
-        KEL_RAISE(Status_Corrupt, "Language file %s: entry %u holds too many strings", m_FileName.C_Str(),
+        KEL_RAISE(Status_Corrupt, "Language file %s: entry %d holds too many strings", m_FileName.C_Str(),
                   static_cast<unsigned int>(entryIndex));
     }
     e.strings = strings;
