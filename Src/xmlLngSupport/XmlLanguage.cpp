@@ -155,10 +155,12 @@ void CXMLLanguage::Load() {
 
     // Every label exists in every language: a translation only replaces English texts.
     const Internals::CSortedDefaults& defaults = Internals::SortedDefaults();
+    std::vector<unsigned int> ids(defaults.m_Labels.size());
     std::vector<LABEL> labels(defaults.m_Labels.size());
     for (size_t i = 0; i < labels.size(); ++i) {
         const NLS_DEFAULT& d = defaults.m_Labels[i];
-        labels[i] = LABEL{d.id, static_cast<unsigned int>(std::strlen(d.text)), d.text};
+        ids[i] = d.id;
+        labels[i] = LABEL{d.text, static_cast<unsigned int>(std::strlen(d.text))};
     }
     std::deque<std::string> texts;
     if (!m_FilePath.empty()) {
@@ -199,6 +201,7 @@ void CXMLLanguage::Load() {
             KEL_TRACE(KEL_MODULE_INFO_KelLib, Trace_Nls, fn, "Bad xmlfile %s") << m_FilePath;
         }
     }
+    m_Ids.swap(ids);
     m_Labels.swap(labels);
     m_Texts.swap(texts);
     m_bLoaded.store(true, std::memory_order_release);
@@ -206,10 +209,10 @@ void CXMLLanguage::Load() {
 
 const char* CXMLLanguage::Find(unsigned int labelId, size_t& length) const noexcept {
     // The table has a fixed size: the search runs over all of it.
-    size_t lo = 0, hi = m_Labels.size();
+    size_t lo = 0, hi = m_Ids.size();
     while (lo < hi) {
         size_t mid = lo + (hi - lo) / 2;
-        unsigned int id = m_Labels[mid].id;
+        unsigned int id = m_Ids[mid];
         if (id == labelId) {
             length = m_Labels[mid].length;
             return m_Labels[mid].text;
@@ -273,14 +276,15 @@ const char* CXMLLanguages::Resolve(unsigned int labelId, unsigned int languageId
 }
 
 CXMLLanguages& CLanguageSupport::Languages() {
-    static CXMLLanguages s_Languages;
-    static std::once_flag s_Built;
-    std::call_once(s_Built, [] {
+    // Built by the first caller; every later call costs one check of the initialisation guard.
+    static CXMLLanguages& s_Languages = *[] {
+        static CXMLLanguages languages;
         boost::filesystem::path program;
         boost::filesystem::path folder;
         if (Misc::CKelApplication::GetProcessPath(program)) folder = program.parent_path() / "NLS";
-        s_Languages.Build(folder);
-    });
+        languages.Build(folder);
+        return &languages;
+    }();
     return s_Languages;
 }
 

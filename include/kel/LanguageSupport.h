@@ -149,12 +149,12 @@ public:
 
 private:
     struct LABEL {
-        unsigned int id;
-        unsigned int length;
         const char* text;
+        unsigned int length;
     };
     std::atomic<bool> m_bLoaded{false};
     std::mutex m_LoadLock;
+    std::vector<unsigned int> m_Ids; ///< sorted; searched apart from the texts to stay in cache
     std::vector<LABEL> m_Labels;
     std::deque<std::string> m_Texts; ///< the translated texts the labels point at
 };
