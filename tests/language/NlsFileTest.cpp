@@ -292,6 +292,24 @@ TEST_F(NlsFile, ModuleMessagesComeFromTheThreadsLanguage) {
     EXPECT_STREQ("Two", text.C_Str());
 }
 
+TEST_F(NlsFile, StringsAndFormatStreamsTakeFileTextsConverted) {
+    m_Dir.Write("module.nls", MakeNls({{kDe, {"Gr\xC3\xBC\xC3\x9F" "e %s", "Zwei", "Drei"}}}, kCount));
+    SearchIn(m_Dir.Path().string());
+    CModuleFile file;
+    CLanguageStrg greeting(file.GetLngData(), 0);
+    ASSERT_EQ(1u, greeting.IsUTF8());
+    KEL::Strings::CStringVar constructed(greeting);
+    EXPECT_STREQ("Gr\xFC\xDF" "e %s", constructed.C_Str());
+    KEL::Strings::TString<512> big(greeting);
+    big += CLanguageStrg(file.GetLngData(), 1);
+    EXPECT_STREQ("Gr\xFC\xDF" "e %sZwei", big.C_Str());
+    KEL::Strings::TString<16> formatted;
+    formatted.Format("[%s|%s]") << greeting << CLanguageStrg(file.GetLngData(), 2);
+    EXPECT_STREQ("[Gr\xFC\xDF" "e %s|Drei]", formatted.C_Str());
+    // The native bytes stay UTF-8.
+    EXPECT_STREQ("Gr\xC3\xBC\xC3\x9F" "e %s", greeting.Native());
+}
+
 TEST(LanguageStrg, Utf8TextIsConvertedToLatin1AndOtherTextIsCopied) {
     const char* const strings[] = {"Gr\xC3\xBC\xC3\x9F" "e", "Gr\xFC\xDF" "e"};
     CLngFile utf8("u.nls", Default_Language_ID, "English", 1, strings, 2);
