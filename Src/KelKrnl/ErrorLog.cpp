@@ -24,7 +24,7 @@ constexpr size_t kInitialBlock = 256;
 constexpr size_t kMaxBlock = 1u << 24; // a runaway message is cut, not grown without bound
 } // namespace
 
-struct CErrorLog::LOGDATA {
+struct alignas(8) CErrorLog::LOGDATA { // the entry table behind it holds pointers
     unsigned int code;
     NATIVE_ERROR native;
     unsigned int count;
