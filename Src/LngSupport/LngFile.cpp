@@ -229,7 +229,9 @@ LNGDATA& CLngFile::GetLngData() {
             m_uState.store(opened ? 0u : 2u, std::memory_order_release);
         }
     }
-    if (m_uState.load(std::memory_order_acquire) != 0) return *m_pEntries;
+    // Entry 0 is answered from the object itself: while a search is under way the entry array
+    // may be changing.
+    if (m_uState.load(std::memory_order_acquire) != 0) return m_Default;
 
     std::lock_guard<std::mutex> lock(m_Lock);
     for (size_t i = 0; i < m_nEntries; ++i) {
@@ -244,7 +246,7 @@ LNGDATA& CLngFile::GetLngData() {
         }
         break;
     }
-    return *m_pEntries;
+    return m_Default;
 }
 
 CLanguageStrg::CLanguageStrg(LNGDATA& entry, size_t stringIndex) noexcept : m_pText(""), m_uUtf8(entry.isUtf8) {

@@ -68,7 +68,7 @@ public:
     /// The entry for the calling thread's language (entry 0 when there is none).
     LNGDATA& GetLngData();
     /// Entry 0: the compiled-in strings.
-    LNGDATA& GetDefaultLngData() noexcept { return *m_pEntries; }
+    LNGDATA& GetDefaultLngData() noexcept { return m_Default; }
     unsigned long long GetStringCount() const noexcept { return m_nStrings; }
     const char* GetFileName() const noexcept { return m_FileName.C_Str(); }
 
