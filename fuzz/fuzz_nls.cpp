@@ -48,7 +48,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     unsigned long long count = 3;
     if (size >= 8) {
         unsigned long long stated = data[4] | (data[5] << 8) | (data[6] << 16) | (static_cast<unsigned long long>(data[7]) << 24);
-        if (stated <= 4096 && (data[0] & 1) == 0) count = stated;
+        if (stated <= 4096 && (data[size - 1] & 0x80) == 0) count = stated;
     }
     CFuzzFile file(count);
     if (file.Open(path.c_str())) {
