@@ -269,7 +269,7 @@ template <class... A>
 [[noreturn]] void Raise(SOURCE_INFO& site, unsigned int code, const NATIVE_ERROR* native, const char* format,
                         const A&... args) {
     CFormatStreamCurrExc s(code, native, &site, format);
-    (s << ... << args);
+    static_cast<void>((s << ... << args));
     s.tryThrow();
 }
 
