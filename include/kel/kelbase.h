@@ -13,3 +13,6 @@
 #include <kel/LanguageSupport.h>
 #include <kel/Threading.h>
 #include <kel/Xml.h>
+#include <kel/Ssl.h>
+#include <kel/Crypt.h>
+#include <kel/Cas.h>
