@@ -61,7 +61,7 @@ std::string SslMessage(const char* format, const A&... args) {
     Strings::TString<256> text;
     {
         Output_Streams::CFormatStream s(text, format);
-        static_cast<void>((s << ... << args));
+        ((s << args), ...);
     }
     return text.str();
 }
