@@ -155,6 +155,7 @@ public:
     CStringStreamBuffer() noexcept = default;
     explicit CStringStreamBuffer(Strings::CStringVar* target) noexcept : m_pTarget(target) {}
     void Init(Strings::CStringVar* target) noexcept { m_pTarget = target; m_nColumn = 0; }
+    Strings::CStringVar* GetTarget() const noexcept { return m_pTarget; }
     void Write(const char* text, size_t length, unsigned int upperCase) override;
     void Fill(int ch, size_t count) override;
 
@@ -280,6 +281,9 @@ protected:
 private:
     friend class Base_Classes::CFormatStreamBuffer;
     const char* ScanPlain();
+    void Emit(const char* text, size_t length);
+    size_t CurrentColumn() const noexcept;
+    unsigned int TypeReady(const char* p, unsigned int isInteger);
     unsigned int TakeStar(unsigned long long value, unsigned int isInteger, unsigned int& target);
     void WritePiece(const char* text, size_t length);
     void PadToIndent();
