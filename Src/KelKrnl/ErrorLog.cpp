@@ -24,7 +24,7 @@ constexpr size_t kInitialBlock = 256;
 constexpr size_t kMaxBlock = 1u << 24; // a runaway message is cut, not grown without bound
 } // namespace
 
-struct CErrorLog::LOGDATA {
+struct alignas(ENTRY) CErrorLog::LOGDATA {
     unsigned int code;
     NATIVE_ERROR native;
     unsigned int count;
