@@ -18,3 +18,6 @@
 #include <kel/IniFiles.h>
 #include <kel/FileSystem.h>
 #include <kel/Json.h>
+#include <kel/Ssl.h>
+#include <kel/Crypt.h>
+#include <kel/Cas.h>
