@@ -8,22 +8,43 @@
 // Directive syntax:  % [!] [flag] [width] { .precision } type
 //   %%        a percent sign; a `%` that ends the format is a format error
 //   !         continuation lines of this field are indented to the column where it starts
+//             (at least to the sink's left margin); each line is aligned on its own
 //   flag      `-`c left, `=`c centre, `+`c right aligned with fill character c (required);
-//             `0` right aligned with fill '0'; no flag: no alignment, fill blank
+//             `0` right aligned with fill '0'; no flag: no alignment (a width alone pads
+//             nothing: printf's `%5d` is `%+ 5d` here)
 //   width     digits, or `*` for the next (integer) argument; 0 turns alignment off
 //   precision up to five `.` parts, each digits or `*`; a sixth, or an empty one, is an error
 //   type      c C d D b o x X take integers; s S p P h H take non-integers (S, P, H, C upper
 //             case; D always shows its sign; h/H is a hex dump of the string's bytes)
+// Widths and precisions above 65535 (also from `*`, where a negative value counts as large)
+// are format errors.
+//
+// What the precisions mean (further ones are parsed and ignored):
+//   s S       .n  at most n characters of the text
+//   d D b o x X   .n  at least n digits (leading zeros; at most 64)
+//   c C       .n  the character n times (default once)
+//   p P       .n  at least n hexadecimal digits (default: 16, all of a 64-bit address)
+//   h H       .n  n bytes per line (default 16; 0 = one line);  .n.m  at most m bytes
+// A hex dump writes each byte as two digits, blank separated: "61 62 0a"; lines end in "\n"
+// and each line is a piece of the field (aligned, and indented with `!`).
 // Left and centre alignment cut a longer text at the width; right alignment never cuts.
-// An integer given after the last directive is written in decimal after the text.
+// Right alignment with fill '0' writes a number's sign before the zeros ("-0042").
+// Negative values given to b o x X show the two's complement at the width of their type
+// (`<< -1` with %X gives FFFFFFFF, `<< -1LL` gives FFFFFFFFFFFFFFFF).
+// A null `const char*` argument is written as "(null)".
+// An integer given after the last directive is written in decimal after the text; a text
+// given after the last directive is appended as it is.
 //
 // A format error raises status 0x20010010 ("Bad format") through the library's exception
-// convention (Exceptions.h); the broken format is ended and the sink stays usable.
+// convention (Exceptions.h) with the site of the broken rule; the broken format is ended first,
+// so the sink stays usable. An output column is kept for `!`: it counts the characters after
+// the last "\n" written through the stream.
 #pragma once
 
 #include <kel/Strings.h>
 
 #include <string>
+#include <vector>
 
 namespace KEL {
 namespace Exceptions {
@@ -66,14 +87,17 @@ public:
     /// Ends the format that is running on this buffer after an exception, so that the buffer
     /// can be used again.
     void Catch() noexcept;
-    /// Raises a format error with the site of the broken rule.
+    /// Raises a format error (0x20010010) with the site of the broken rule, after ending the
+    /// running format; a sink that does not raise format errors throws CFormatAbort instead.
     [[noreturn]] void doThrow(Exceptions::SOURCE_INFO& site);
 
     size_t GetColumn() const noexcept { return m_nColumn; }
     size_t GetLeftMargin() const noexcept { return m_nLeftMargin; }
+    /// The least indent of `!` fields.
     void SetLeftMargin(size_t margin) noexcept { m_nLeftMargin = margin; }
 
-    /// Write + column bookkeeping; what the format streams call.
+    /// Write + column bookkeeping; what the format streams call. When the sink fails (its
+    /// exception passes on), the running format is ended first.
     void Put(const char* text, size_t length, unsigned int upperCase = 0);
     void PutFill(int ch, size_t count);
 
@@ -90,6 +114,9 @@ protected:
 class KEL_API CChrStreamBuffer : public Base_Classes::CFormatStreamBuffer {
 public:
     CChrStreamBuffer() noexcept = default;
+    /// Allocates `initial` characters at once; the buffer then grows by `grow` characters at a
+    /// time (at least what a write needs), or doubles when `grow` is 0. Out of memory raises
+    /// 0x2001000F.
     CChrStreamBuffer(size_t initial, size_t grow = 0);
     ~CChrStreamBuffer() override;
     CChrStreamBuffer(const CChrStreamBuffer&) = delete;
@@ -101,7 +128,7 @@ public:
 
     const char* GetBuffer() const noexcept { return m_pBuffer ? m_pBuffer : ""; }
     size_t GetLength() const noexcept { return m_nLength; }
-    /// Takes over a malloc'ed buffer holding `length` characters.
+    /// Takes over a malloc'ed buffer holding `length` characters and a terminating NUL.
     void SetBuffer(char* buffer, size_t length) noexcept;
     /// Gives the buffer up (the caller frees it with free()); the sink is empty afterwards.
     char* Release() noexcept;
@@ -149,9 +176,10 @@ public:
 
     /// Keeps `order` (with a blank appended) and formats `format`, one field per directive.
     CFormatStream Format(const char* format, const char* order);
-    /// Writes the order text into `out`: `%1`..`%9` stand for the fields, `%%` for a percent
+    /// Appends the order text to `out`: `%1`..`%9` stand for the fields, `%%` for a percent
     /// sign, a `%` before anything else is written with that character. `%0` or a number past
-    /// the last field raises 0x2001001B.
+    /// the last field raises 0x2001001B (what was appended before stays). Plain text of the
+    /// format is not kept; an argument given after the last directive is a field of its own.
     void PutInOrder(Strings::CStringVar& out);
     size_t FieldCount() const noexcept { return m_nFields; }
 
@@ -200,28 +228,33 @@ public:
     CFormatStream& operator<<(const Exceptions::CErrorLog& log);
     CFormatStream& operator<<(CFormatResortBuffer& fields);
     CFormatStream& operator<<(const void* pointer);
-    CFormatStream& operator<<(short v) { return FormatInt(static_cast<long long>(v)); }
+    CFormatStream& operator<<(short v) { return FormatSigned(v, 16); }
     CFormatStream& operator<<(unsigned short v) { return FormatInt(static_cast<unsigned long long>(v)); }
-    CFormatStream& operator<<(int v) { return FormatInt(static_cast<long long>(v)); }
+    CFormatStream& operator<<(int v) { return FormatSigned(v, 32); }
     CFormatStream& operator<<(unsigned int v) { return FormatInt(static_cast<unsigned long long>(v)); }
     CFormatStream& operator<<(long v) { return FormatInt(static_cast<long long>(v)); }
     CFormatStream& operator<<(unsigned long v) { return FormatInt(static_cast<unsigned long long>(v)); }
     CFormatStream& operator<<(long long v) { return FormatInt(v); }
     CFormatStream& operator<<(unsigned long long v) { return FormatInt(v); }
-    /// Writes plain text into the stream without consuming a directive.
+    /// Writes plain text into the stream without consuming a directive: after the format's
+    /// text up to the next directive (`Format("(%s)") >> "[" << x >> "]"` gives "([x])").
     CFormatStream& operator>>(const char* text);
 
     /// The directive parser: advances to the next directive, writing plain text on the way.
-    /// Returns FP_NeedsValue, FP_Ready or FP_Exhausted.
+    /// Returns FP_NeedsValue, FP_Ready or FP_Exhausted, or 0 once the format has ended
+    /// (after an error or when another stream took it over): then nothing is written.
     unsigned int GetFormatParameters(unsigned long long value, unsigned int isInteger);
 
     CFormatStream& FormatInt(long long value);
     CFormatStream& FormatInt(unsigned long long value);
-    CFormatStream& FormatInt(int value) { return FormatInt(static_cast<long long>(value)); }
+    CFormatStream& FormatInt(int value) { return FormatSigned(value, 32); }
     CFormatStream& FormatInt(unsigned int value) { return FormatInt(static_cast<unsigned long long>(value)); }
     /// Digits of `value` in the directive's radix, right-aligned in `buffer`; returns the first.
     char* UIntToString(unsigned long long value, char (*buffer)[66]) const noexcept;
+    /// Consumes a directive with an address: `p`/`P` (and `s`) write its hexadecimal digits.
     CFormatStream& FormatPointer(const void* pointer);
+    /// Consumes a directive with `length` bytes of memory: `h`/`H` dump them, `s` writes them
+    /// as text. After the last directive the dump is appended.
     CFormatStream& HexDump(const unsigned char* data, size_t length);
     /// Writes one field with the directive's alignment; with `splitLines` every line of the
     /// text is a field piece of its own and continuation lines are indented.
@@ -238,10 +271,28 @@ protected:
     void Bind(Base_Classes::CFormatStreamBuffer* sink) noexcept;
     void TakeOver(CFormatStream& other) noexcept;
     void WriteString(const char* text, size_t length);
-    [[noreturn]] void Fail(unsigned int line);
+    /// Ends the format and raises the format error of the broken rule at `site`.
+    [[noreturn]] void Fail(Exceptions::SOURCE_INFO& site);
+    /// A signed argument of `bits` bits (its width matters for b, o, x and X).
+    CFormatStream& FormatSigned(long long value, unsigned int bits);
 
-    Base_Classes::CFormatStreamBuffer* m_pSink = nullptr;
-    const char* m_pFormat = nullptr; ///< the rest of the format text (null once ended)
+private:
+    friend class Base_Classes::CFormatStreamBuffer;
+    const char* ScanPlain();
+    unsigned int TakeStar(unsigned long long value, unsigned int isInteger, unsigned int& target);
+    void WritePiece(const char* text, size_t length);
+    void PadToIndent();
+    void WriteNumber(unsigned long long magnitude, char sign);
+    void WriteChar(unsigned long long value);
+    void WritePointer(const void* pointer);
+    void WriteDump(const unsigned char* data, size_t length);
+    void WriteExtra(const char* text, size_t length);
+    void WriteRest() noexcept;
+    void End() noexcept;
+
+protected:
+    Base_Classes::CFormatStreamBuffer* m_pSink = nullptr; ///< null once the format has ended
+    const char* m_pFormat = nullptr; ///< the rest of the format text
     unsigned int m_Prec[5] = {};
     unsigned int m_nWidth = 0;
     unsigned int m_nIndent = 0;
@@ -254,6 +305,7 @@ protected:
     STATE m_State = PS_Start;
     bool m_bUpper = false;
     bool m_bSplit = false;
+    bool m_bPlainText = true; ///< the sink takes the format's plain text
     Internals::CStringStreamBuffer m_StringSink; ///< used when formatting into a CStringVar
 };
 

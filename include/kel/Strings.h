@@ -171,12 +171,30 @@ public:
     CStringVar& operator=(char ch);
     CStringVar& operator=(const Language_Support::CLanguageStrg& text);
     CStringVar& operator=(Output_Streams::CFormatResortBuffer& formatted);
-    CStringVar& operator=(Misc::CNull) noexcept;
+    CStringVar& operator=(Misc::CNull) noexcept {
+        if (m_nCapacity != 0) {
+            m_nLength = 0;
+            WData()[0] = '\0';
+        } else {
+            ResetInline();
+        }
+        return *this;
+    }
 
     CStringVar& operator+=(const CSubStringRef& text) { return Cat(text.data(), text.Length()); }
-    CStringVar& operator+=(const char* text);
+    CStringVar& operator+=(const char* text) { return Cat(text, text ? std::strlen(text) : 0); }
     CStringVar& operator+=(const std::string& text) { return Cat(text.data(), text.size()); }
-    CStringVar& operator+=(char ch);
+    CStringVar& operator+=(char ch) {
+        // Fast path: room for the character in an owned string below the size limit.
+        if (m_nLength < m_nCapacity && m_nCapacity - 1 < MAX_SIZE) {
+            char* end = WData() + m_nLength;
+            end[0] = ch;
+            end[1] = '\0';
+            ++m_nLength;
+            return *this;
+        }
+        return AppendSlow(&ch, 1);
+    }
     CStringVar& operator+=(const Language_Support::CLanguageStrg& text);
     CStringVar& operator+=(Output_Streams::CFormatResortBuffer& formatted);
     CStringVar& operator<<(const CSubStringRef& text) { return Cat(text.data(), text.Length()); }
@@ -186,8 +204,21 @@ public:
     CStringVar& operator<<(const Language_Support::CLanguageStrg& text) { return *this += text; }
     CStringVar& operator<<(Output_Streams::CFormatResortBuffer& formatted) { return *this += formatted; }
 
-    /// Appends `count` characters of `text` (which may lie inside this string).
-    CStringVar& Cat(const char* text, size_t count);
+    /// Appends `count` characters of `text` (which may lie inside this string). A null `text`
+    /// only rewrites the terminator. Raises 0x20010036 at the size limit, 0x2001000F when
+    /// memory runs out.
+    CStringVar& Cat(const char* text, size_t count) {
+        // Fast path, kept inline: the text fits and the string owns its storage (capacity 0
+        // and capacities past the limit both fail the single unsigned comparison).
+        if (text && count <= m_nCapacity - m_nLength && m_nCapacity - 1 < MAX_SIZE) {
+            char* end = WData() + m_nLength;
+            std::memcpy(end, text, count);
+            end[count] = '\0';
+            m_nLength += count;
+            return *this;
+        }
+        return AppendSlow(text, count);
+    }
 
     /// Starts a `%`-directive format that writes into this string (appending); the arguments
     /// follow with `<<`. See OutputStreams.h for the directive grammar.
@@ -251,11 +282,32 @@ protected:
     void Alloc(size_t n);
     /// Appends `max` characters of `text` (all of a NUL-terminated text when max is 0).
     void AllocCopy(const char* text, size_t max);
+    /// The out-of-line part of Cat and += (growth, foreign text, null text).
+    CStringVar& AppendSlow(const char* text, size_t count);
+    /// Assignment: empties the string and appends `count` characters of `text`, which may
+    /// be part of this string's own text.
+    CStringVar& Assign(const char* text, size_t count);
     char* WData() noexcept { return const_cast<char*>(m_pData); }
     char* InlineBuf() noexcept { return m_inline; }
     bool IsInline() const noexcept { return m_pData == m_inline; }
-    size_t StoredInlineCapacity() const noexcept;
-    void StoreInlineCapacity(size_t cap) noexcept;
+    /// The inline capacity noted in the inline area while the text is elsewhere (0: alias).
+    size_t StoredInlineCapacity() const noexcept {
+        size_t cap;
+        std::memcpy(&cap, m_inline, sizeof cap);
+        return cap;
+    }
+    void StoreInlineCapacity(size_t cap) noexcept { std::memcpy(m_inline, &cap, sizeof cap); }
+    /// The capacity of the inline buffer (0 for an alias).
+    size_t InlineCapacity() const noexcept { return IsInline() ? m_nCapacity : StoredInlineCapacity(); }
+    bool IsAlias() const noexcept { return !IsInline() && StoredInlineCapacity() == 0; }
+    /// Whether the text is in a heap block that this string owns.
+    bool OwnsHeapBlock() const noexcept { return !IsInline() && m_nCapacity != 0 && StoredInlineCapacity() != 0; }
+    /// Drops any heap block and points the string at its empty inline buffer.
+    void ResetInline() noexcept;
+    /// Copies foreign text (capacity 0) into own storage before a change.
+    void MakeOwn() {
+        if (m_nCapacity == 0) Alloc(0);
+    }
     void ReplaceRange(size_t pos, size_t count, const char* text, size_t length);
 
     size_t m_nCapacity;
