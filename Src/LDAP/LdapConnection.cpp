@@ -10,6 +10,7 @@
 #include <kel/Trace.h>
 
 #include "Posix/SigPipeGuard.h"
+#include "Posix/SocketDeadline.h"
 
 #include <ldap.h>
 
@@ -18,6 +19,7 @@
 #include <deque>
 #include <set>
 #include <sys/time.h>
+#include <system_error>
 
 namespace KEL {
 namespace Ldap {
@@ -25,6 +27,7 @@ namespace Ldap {
 namespace {
 
 using Internals::Posix::CSigPipeGuard;
+using Internals::Posix::CSocketDeadline;
 
 const char* const g_pszConnect = "KEL::Ldap::CLDAPServer::Connect";
 const char* const g_pszDisconnect = "KEL::Ldap::CLDAPServer::Disconnect";
@@ -48,8 +51,27 @@ std::string MakeUri(const char* scheme, const std::string& server, unsigned int 
     return std::string(scheme) + "://" + host + ":" + std::to_string(port);
 }
 
+// The deadline of the connection being opened on this thread. The library announces each
+// new socket through the connection callbacks below, on the thread that connects.
+thread_local CSocketDeadline* t_pDeadline = nullptr;
+
+int OnSocketAdded(LDAP*, Sockbuf* sb, LDAPURLDesc*, sockaddr*, ldap_conncb*) {
+    ber_socket_t fd = -1;
+    if (t_pDeadline != nullptr && ber_sockbuf_ctrl(sb, LBER_SB_OPT_GET_FD, &fd) == 1 && fd >= 0)
+        t_pDeadline->Watch(fd);
+    return 0;
+}
+
+void OnSocketRemoved(LDAP*, Sockbuf*, ldap_conncb*) {
+    if (t_pDeadline != nullptr) t_pDeadline->Unwatch();
+}
+
+ldap_conncb g_ConnectCallbacks = {&OnSocketAdded, &OnSocketRemoved, nullptr};
+
 // Opens one connection (TCP and, for ldaps, the TLS handshake) without binding it; null on
-// failure, with the handle already released.
+// failure, with the handle already released. The library bounds the TCP connect by its network
+// time-out but not a TLS handshake that never gets an answer: the whole step runs under a
+// socket deadline of the same length.
 LDAP* OpenHandle(const std::string& uri, bool tls, unsigned int timeoutMs) {
     LDAP* ld = nullptr;
     if (ldap_initialize(&ld, uri.c_str()) != LDAP_SUCCESS || ld == nullptr) return nullptr;
@@ -58,7 +80,8 @@ LDAP* OpenHandle(const std::string& uri, bool tls, unsigned int timeoutMs) {
     bool ok = ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version) == LDAP_OPT_SUCCESS &&
               ldap_set_option(ld, LDAP_OPT_REFERRALS, LDAP_OPT_OFF) == LDAP_OPT_SUCCESS &&
               ldap_set_option(ld, LDAP_OPT_NETWORK_TIMEOUT, &tv) == LDAP_OPT_SUCCESS &&
-              ldap_set_option(ld, LDAP_OPT_TIMEOUT, &tv) == LDAP_OPT_SUCCESS;
+              ldap_set_option(ld, LDAP_OPT_TIMEOUT, &tv) == LDAP_OPT_SUCCESS &&
+              ldap_set_option(ld, LDAP_OPT_CONNECT_CB, &g_ConnectCallbacks) == LDAP_OPT_SUCCESS;
     if (ok && tls) {
         // The suite's directories are reached by address and commonly carry self-signed
         // certificates: the server's certificate is accepted unverified, and none of ours is
@@ -68,7 +91,18 @@ LDAP* OpenHandle(const std::string& uri, bool tls, unsigned int timeoutMs) {
         ok = ldap_set_option(ld, LDAP_OPT_X_TLS_REQUIRE_CERT, &never) == LDAP_OPT_SUCCESS &&
              ldap_set_option(ld, LDAP_OPT_X_TLS_NEWCTX, &isServer) == LDAP_OPT_SUCCESS;
     }
-    if (ok) ok = ldap_connect(ld) == LDAP_SUCCESS;
+    if (ok) {
+        try {
+            CSocketDeadline deadline(std::max(timeoutMs, 1u));
+            t_pDeadline = &deadline;
+            ok = ldap_connect(ld) == LDAP_SUCCESS && !deadline.Expired();
+            deadline.Unwatch();
+            t_pDeadline = nullptr;
+        } catch (const std::system_error&) {
+            t_pDeadline = nullptr;
+            ok = false; // no thread for the deadline: an unbounded connect is not started
+        }
+    }
     if (!ok) {
         ldap_unbind_ext_s(ld, nullptr, nullptr);
         return nullptr;

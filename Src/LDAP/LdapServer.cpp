@@ -103,8 +103,10 @@ void ReadText(const XML::xml_node& node, const char* name, std::string& field) {
     if (!text.empty()) field = text;
 }
 
+// An empty value is an empty element, without an empty text node inside.
 void AppendChild(XML::xml_node& parent, const char* name, const std::string& value) {
-    parent.append_child(name).text().set(value.c_str());
+    XML::xml_node child = parent.append_child(name);
+    if (!value.empty()) child.text().set(value.c_str());
 }
 
 } // namespace

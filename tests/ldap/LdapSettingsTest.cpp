@@ -226,9 +226,9 @@ TEST(LdapXmlWrite, WritesEveryFieldInOrderAndReadsBackTheSame) {
     doc.child("config").append_child("authorization"); // a second stale one goes too
     ASSERT_TRUE(CLDAPServer::WriteToXML(list, doc));
     EXPECT_EQ(Dump(doc),
-              "<?xml version=\"1.0\"?><config><other keep=\"1\" /><authorization><ldapServer>"
+              "<?xml version=\"1.0\"?><config><other keep=\"1\"/><authorization><ldapServer>"
               "<domain>LANTERNBAY</domain><server>0.0.0.0</server><port>636</port><nonSecure>false</nonSecure>"
-              "<portNonSecure>389</portNonSecure><securityPrincipal /><securityCredentials />"
+              "<portNonSecure>389</portNonSecure><securityPrincipal/><securityCredentials/>"
               "<baseDN>DC=example,DC=com</baseDN><suiteRDN>OU=Tessel</suiteRDN>"
               "<userSearchBase>OU=Users,DC=Users,DC=example,DC=com</userSearchBase>"
               "<userSearchFilter>sAMAccountName=%u</userSearchFilter></ldapServer><ldapServer>"
@@ -265,7 +265,7 @@ TEST(LdapXmlWrite, RefusesWithoutConfigOrWithTooManyOrNullServersAndLeavesTheDoc
     KEL::XML::xml_document none;
     none.load_string("<settings/>");
     EXPECT_FALSE(CLDAPServer::WriteToXML(one, none));
-    EXPECT_EQ(Dump(none), "<?xml version=\"1.0\"?><settings />");
+    EXPECT_EQ(Dump(none), "<?xml version=\"1.0\"?><settings/>");
 
     KEL::XML::xml_document doc;
     Load(doc, ServerXml("<domain>kept</domain>"));
@@ -282,5 +282,5 @@ TEST(LdapXmlWrite, RefusesWithoutConfigOrWithTooManyOrNullServersAndLeavesTheDoc
     EXPECT_TRUE(CLDAPServer::WriteToXML(eleven, doc));
     EXPECT_EQ(CLDAPServer::ReadFromXML(doc).size(), 10u);
     EXPECT_TRUE(CLDAPServer::WriteToXML(LDAPServerList(), doc));
-    EXPECT_EQ(Dump(doc), "<?xml version=\"1.0\"?><config><other keep=\"1\" /><authorization /></config>");
+    EXPECT_EQ(Dump(doc), "<?xml version=\"1.0\"?><config><other keep=\"1\"/><authorization/></config>");
 }

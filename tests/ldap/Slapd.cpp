@@ -13,7 +13,7 @@
 #include <fstream>
 #include <netinet/in.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sstream>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -22,8 +22,6 @@
 #include <unistd.h>
 
 #include <boost/filesystem.hpp>
-
-extern char** environ;
 
 namespace KelTest {
 
@@ -290,16 +288,33 @@ unsigned int FreePort() {
 
 bool CSlapd::Run(const std::string& program, const char* const argv[], const std::string& log, int& status,
                  std::string& why) {
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-    posix_spawn_file_actions_adddup2(&actions, 1, 2);
-    pid_t pid = -1;
-    int rc = posix_spawnp(&pid, program.c_str(), &actions, nullptr, const_cast<char* const*>(argv), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (rc != 0) {
-        why = "cannot run " + program + ": " + std::strerror(rc);
+    // fork and exec rather than posix_spawn: the child asks to be killed when the test program
+    // ends, so a test that aborts cannot leave a server behind. Only async-signal-safe calls
+    // happen between fork and exec.
+    const int in = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    const int out = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    if (in < 0 || out < 0) {
+        why = "cannot open " + log + ": " + std::strerror(errno);
+        if (in >= 0) close(in);
+        if (out >= 0) close(out);
+        return false;
+    }
+    const pid_t parent = getpid();
+    pid_t pid = fork();
+    if (pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() != parent) _exit(127);
+        dup2(in, 0);
+        dup2(out, 1);
+        dup2(out, 2);
+        execvp(program.c_str(), const_cast<char* const*>(argv));
+        _exit(127);
+    }
+    const int forkError = errno;
+    close(in);
+    close(out);
+    if (pid < 0) {
+        why = "cannot start " + program + ": " + std::strerror(forkError);
         return false;
     }
     if (status == -2) { // the caller keeps the process running
