@@ -16,10 +16,12 @@
 // deliberately not verified and no client certificate is offered), then, only when nonSecure is
 // set, plain "ldap://server:portNonSecure"; then a simple bind with the configured principal and
 // credentials. Every network step is bounded by the server's time-out (DEFAULT_TIMEOUT_MS unless
-// SetTimeout says otherwise): connecting and the TLS handshake through the library's network
-// time-out, each bind or search through its operation time-out (and, for searches, the same
-// limit in seconds asked of the server). A server that accepts the connection and then never
-// answers therefore makes Connect or a search fail after that time instead of hanging.
+// SetTimeout says otherwise): the TCP connect through the LDAP library's network time-out, the
+// TLS handshake by a deadline that shuts the socket down (the library has no reliable bound of
+// its own there), each bind or search through the library's operation time-out (and, for
+// searches, the same limit in whole seconds asked of the server). A server that accepts the
+// connection and then never answers makes Connect or a search fail after that time instead of
+// hanging; a search that timed out or lost its server also closes the connection.
 //
 // Failures of connecting, binding and searching are reported by the result (false, 135, an
 // empty name) and by trace entries of the library module (category 0x20000000 for the steps,
@@ -105,6 +107,9 @@ public:
     /// the internal domain makes a CLDAPServerInternal and any other a CLDAPServerExternal.
     /// Empty or missing elements keep the defaults; a port that is not a decimal number from 1 to
     /// 65535, or a nonSecure that is not true/false/1/0/yes/no, keeps its default and is traced.
+    /// baseDN, securityPrincipal and securityCredentials are taken as written (empty when empty
+    /// or missing: an empty base DN is the directory's root); an empty or missing userSearchBase
+    /// becomes "OU=Users" or, with a base DN, "OU=Users,<baseDN>".
     static LDAPServerList ReadFromXML(XML::xml_document& doc);
     /// Replaces "config/authorization" of `doc` by one holding `servers`. False, with the
     /// document untouched, when "/config" is missing, the list holds a null entry or more than

@@ -18,7 +18,10 @@ namespace KelTest {
 class CTraceCapture {
 public:
     CTraceCapture() {
-        Lines().clear();
+        {
+            std::lock_guard<std::mutex> lock(Mutex());
+            Lines().clear();
+        }
         m_uOldMask = KEL::KEL_MODULE_INFO_KelLib.GetTrcPoints();
         KEL::KEL_MODULE_INFO_KelLib.SetTrcPoints(m_uOldMask | 0x60000000u);
         m_pfnOld = KEL::Internals::g_pfnTraceWrite.exchange(&Write);
