@@ -45,20 +45,28 @@ void SystemText(Strings::CStringVar& text, int error) {
     if (msg && *msg) text = msg;
 }
 
-class CModuleInfo_Posix : public Misc::CModuleInfo {
+// Both modules answer plain error numbers with the system's text; a status code that names
+// another module is still handed to that module.
+class CErrnoModule : public Misc::CModuleInfo {
 public:
-    CModuleInfo_Posix() : CModuleInfo(2, "OS", "") { (void)StartStamp(); }
-    void GetErrorMsg(Strings::CStringVar& text, unsigned int code, unsigned int) override {
-        SystemText(text, static_cast<int>(code));
+    using CModuleInfo::CModuleInfo;
+    void GetErrorMsg(Strings::CStringVar& text, unsigned int code, unsigned int raw) override {
+        unsigned int id = (code >> 16) & 0x1FFFu;
+        if (id != 0 && id != GetModuleId())
+            CModuleInfo::GetErrorMsg(text, code, raw);
+        else
+            SystemText(text, static_cast<int>(code & 0xFFFFu));
     }
 };
 
-class CCRtlModuleInfo : public Misc::CModuleInfo {
+class CModuleInfo_Posix : public CErrnoModule {
 public:
-    CCRtlModuleInfo() : CModuleInfo(3, "C-LIB", "") {}
-    void GetErrorMsg(Strings::CStringVar& text, unsigned int code, unsigned int) override {
-        SystemText(text, static_cast<int>(code));
-    }
+    CModuleInfo_Posix() : CErrnoModule(2, "OS", "") { (void)StartStamp(); }
+};
+
+class CCRtlModuleInfo : public CErrnoModule {
+public:
+    CCRtlModuleInfo() : CErrnoModule(3, "C-LIB", "") {}
 };
 
 CCRtlModuleInfo s_CRtlModule;

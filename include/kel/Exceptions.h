@@ -259,7 +259,7 @@ void CExceptionLog::Format(const char* message, const A&... args) {
     CExceptionBuffer buffer(log);
     try {
         Output_Streams::CFormatStream s(buffer, message);
-        (s << ... << args);
+        ((s << args), ...);
     } catch (const Output_Streams::Internals::CFormatAbort&) {
     }
 }
@@ -269,7 +269,7 @@ template <class... A>
 [[noreturn]] void Raise(SOURCE_INFO& site, unsigned int code, const NATIVE_ERROR* native, const char* format,
                         const A&... args) {
     CFormatStreamCurrExc s(code, native, &site, format);
-    (s << ... << args);
+    ((s << args), ...);
     s.tryThrow();
 }
 

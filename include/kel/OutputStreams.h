@@ -237,7 +237,8 @@ public:
     CFormatStream& operator<<(long long v) { return FormatInt(v); }
     CFormatStream& operator<<(unsigned long long v) { return FormatInt(v); }
     /// Writes plain text into the stream without consuming a directive: after the format's
-    /// text up to the next directive (`Format("(%s)") >> "[" << x >> "]"` gives "([x])").
+    /// text up to the next directive, in front of its field (`Format("(%s)") >> "[" << x`
+    /// gives "([x)"); once no directive is left, after the whole format text.
     CFormatStream& operator>>(const char* text);
 
     /// The directive parser: advances to the next directive, writing plain text on the way.

@@ -1,0 +1,92 @@
+// kel_demo: a short tour of kelbase, the program `make demo` runs.
+//
+// It shows what the library offers so far: strings that grow past their inline buffer, the
+// `%`-directive formatting with alignment and re-ordered fields, and one failing operation read
+// back first as a returned status and then caught as an exception, with the rendered error log.
+#include <kel/kelbase.h>
+
+#include <cstdio>
+
+using namespace KEL;
+using Strings::CStringVar;
+using Strings::TString;
+
+namespace {
+
+void Section(const char* title) {
+    TString<128> line;
+    line.Format("\n%=-60s\n") << title;
+    std::fputs(line.C_Str(), stdout);
+}
+
+void Print(const Strings::CStringRef& text) {
+    std::fputs(text.C_Str(), stdout);
+    std::fputc('\n', stdout);
+}
+
+void Strings_() {
+    Section(" strings ");
+    TString<32> name;
+    TString<128> line;
+    for (const char* piece : {"RAID", "-5 ", "array ", "on controller 0, ", "enclosure 2, slots 0 to 7"}) {
+        name += piece;
+        line = Strings::_TEmpty;
+        line.Format("%-.44s length %+ 3d, capacity %+ 4d\n")
+            << static_cast<const Strings::CSubStringRef&>(name) << name.Length() << name.Capacity();
+        std::fputs(line.C_Str(), stdout);
+    }
+    Print("TString<32> holds 39 characters inline; the 40th moved the text to the heap.");
+}
+
+void Formatting() {
+    Section(" formatting ");
+    TString<256> table;
+    table.Format("%-.12s|%= *s|%+ 8s|\n") << "drive" << 10 << "state" << "size";
+    table.Format("%-.12s|%= 10s|%+ 8d|\n") << "PD 0:1" << "online" << 1863;
+    table.Format("%-.12s|%= 10s|%+ 8d|\n") << "PD 0:2" << "rebuild" << 1863;
+    std::fputs(table.C_Str(), stdout);
+
+    // A translated text may put the arguments in another order than the program passes them.
+    Output_Streams::CFormatResortBuffer fields;
+    fields.Format("%s%d", "Disk %2 of array %1 failed.") << "A" << 3;
+    TString<128> sorted;
+    fields.PutInOrder(sorted);
+    Print(sorted);
+}
+
+void Failures() {
+    Section(" failures ");
+    CStringVar latin1;
+    const char* euro = "price: 5 \xE2\x82\xAC"; // U+20AC has no single-byte form
+
+    unsigned int status = latin1.CopyFromUTF8(euro); // throw mode is off for a new thread
+    TString<128> line;
+    line.Format("throw mode off: CopyFromUTF8 returned 0x%08X\n") << status;
+    std::fputs(line.C_Str(), stdout);
+
+    Threading::CThrowState::SetThrow(1);
+    try {
+        latin1.CopyFromUTF8(euro);
+        Print("throw mode on: no exception?");
+    } catch (const Exceptions::CKelException& e) {
+        line = Strings::_TEmpty;
+        line.Format("throw mode on:  caught CKelException 0x%08X\n") << e.GetCode();
+        std::fputs(line.C_Str(), stdout);
+    }
+    Threading::CThrowState::SetThrow(0);
+
+    Print("\nthe thread's error log:");
+    TString<1024> report;
+    report.Format("%s") << Exceptions::ThreadErrorLog();
+    std::fputs(report.C_Str(), stdout);
+}
+
+} // namespace
+
+int main() {
+    Print("kelbase demo");
+    Strings_();
+    Formatting();
+    Failures();
+    return 0;
+}
