@@ -230,6 +230,7 @@ unsigned int CLDAPServer::TestConnection() {
 
 int CLDAPServer::Search(const std::string& base, SEARCH_SCOPE scope, const std::string& filter,
                         const std::vector<std::string>& attributes, std::vector<LDAP_ENTRY>& entries, int sizeLimit) {
+    entries.clear();
     if (m_pHandle == nullptr) return -1;
     CSigPipeGuard noSigPipe;
     std::vector<char*> names;

@@ -126,7 +126,8 @@ public:
 
     /// Opens and binds the connection (see the header's introduction); true when bound or
     /// already connected. A configured user name with an empty password is refused without
-    /// asking the server: such an "unauthenticated bind" proves nothing.
+    /// asking the server: such an "unauthenticated bind" proves nothing. Each attempt to open a
+    /// connection runs a short-lived watcher thread for its TLS deadline.
     bool Connect();
     /// Unbinds and closes the connection, if one is open.
     void Disconnect();
@@ -138,10 +139,11 @@ public:
     /// matches (an ambiguous user is no user), or for an empty user name.
     std::string FindUser(const std::string& user);
 
-    /// One search on the open connection: entries with the listed attributes (none given: all
-    /// user attributes; "1.1": none). `sizeLimit` 0 asks for all; a search that reaches a size
-    /// limit keeps what arrived. Returns the protocol's result code (0 success, 4 size limit),
-    /// or -1 when not connected.
+    /// One search on the open connection, with `filter` used as given (values from outside
+    /// belong in it only through EscapeFilterValue): `entries` becomes the entries found, with
+    /// the listed attributes (none given: all user attributes; "1.1": none). `sizeLimit` 0 asks
+    /// for all; a search that reaches a size limit keeps what arrived. Returns the protocol's
+    /// result code (0 success, 4 size limit), or -1 when not connected.
     int Search(const std::string& base, SEARCH_SCOPE scope, const std::string& filter,
                const std::vector<std::string>& attributes, std::vector<LDAP_ENTRY>& entries, int sizeLimit = 0);
     /// Reads the entry `dn` itself with the listed attributes; false when it cannot be read.

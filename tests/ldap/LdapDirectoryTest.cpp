@@ -242,6 +242,27 @@ TEST_F(LdapDirectory, FilterCharactersInUserNamesCannotWidenTheSearch) {
     EXPECT_TRUE(s->GetConnected()); // no attempt broke the connection
 }
 
+TEST_F(LdapDirectory, EntriesAreReadWithTheirValuesAndMissingOnesAreNot) {
+    auto s = Server();
+    LDAP_ENTRY entry;
+    std::vector<LDAP_ENTRY> entries;
+    EXPECT_EQ(s->Search(CSlapd::kInternalBase, SC_Subtree, "(objectClass=*)", {}, entries), -1);
+    EXPECT_FALSE(s->GetAttributes(CSlapd::kAlice, {"sAMAccountName"}, entry));
+    ASSERT_TRUE(s->Connect());
+    ASSERT_TRUE(s->GetAttributes(CSlapd::kAlice, {"sAMAccountName", "cn"}, entry));
+    EXPECT_EQ(entry.dn, CSlapd::kAlice);
+    EXPECT_EQ(entry.attributes["samaccountname"], std::vector<std::string>{"alice"});
+    EXPECT_EQ(entry.attributes["cn"], std::vector<std::string>{"Alice Admin"});
+    EXPECT_EQ(entry.attributes.count("userpassword"), 0u); // only what was asked for
+    EXPECT_FALSE(s->GetAttributes("cn=Nobody,ou=Users,dc=lanternbay,dc=test", {"cn"}, entry));
+    EXPECT_EQ(s->Search("ou=Users,dc=lanternbay,dc=test", SC_OneLevel, "(sAMAccountName=dave)", {"1.1"}, entries),
+              0);
+    ASSERT_EQ(entries.size(), 1u); // the second dave is one level further down
+    EXPECT_TRUE(entries[0].attributes.empty());
+    EXPECT_EQ(s->Search(CSlapd::kInternalBase, SC_Subtree, "(broken", {}, entries), -7); // filter error
+    EXPECT_TRUE(s->GetConnected());
+}
+
 TEST_F(LdapDirectory, OnlyTheFirstPlaceholderOfTheFilterIsReplaced) {
     auto s = Server();
     ASSERT_TRUE(s->Connect());

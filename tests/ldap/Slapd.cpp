@@ -359,6 +359,9 @@ bool CSlapd::Launch(std::string& why) {
         if (waitpid(m_nPid, &st, WNOHANG) == m_nPid) {
             m_nPid = -1;
             why = "slapd ended at start (status " + std::to_string(st) + "): " + ReadFile(log);
+            // Debian's AppArmor profile lets slapd read only its own folders.
+            if (boost::filesystem::exists("/sys/kernel/security/apparmor/profiles"))
+                why += " (AppArmor is active: its slapd profile may forbid " + m_strDir + ")";
             return false;
         }
         if (std::chrono::steady_clock::now() > deadline) {
