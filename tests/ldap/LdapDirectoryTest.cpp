@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <atomic>
 #include <chrono>
 #include <future>
 #include <memory>
@@ -18,6 +19,7 @@
 #include <poll.h>
 #include <strings.h>
 #include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
 
 using namespace KEL::Ldap;
@@ -42,6 +44,7 @@ public:
         if (m_nFd >= 0) close(m_nFd);
     }
     unsigned int Port() const { return m_uPort; }
+    int Fd() const { return m_nFd; }
     /// Whether anyone connected (a connection is waiting to be accepted).
     bool WasContacted() const {
         pollfd p{m_nFd, POLLIN, 0};
@@ -51,6 +54,47 @@ public:
 private:
     int m_nFd = -1;
     unsigned int m_uPort = 0;
+};
+
+// A plain LDAP server that accepts one connection, answers its bind with success and then
+// never answers again.
+class CBindOnlyServer {
+public:
+    CBindOnlyServer() : m_Thread([this] { Serve(); }) {}
+    ~CBindOnlyServer() {
+        m_bStop = true;
+        shutdown(m_Listener.Fd(), SHUT_RDWR);
+        m_Thread.join();
+    }
+    unsigned int Port() const { return m_Listener.Port(); }
+
+private:
+    void Serve() {
+        pollfd p{m_Listener.Fd(), POLLIN, 0};
+        while (!m_bStop && poll(&p, 1, 50) == 0) {
+        }
+        if (m_bStop) return;
+        int fd = accept(m_Listener.Fd(), nullptr, nullptr);
+        if (fd < 0) return;
+        unsigned char request[512];
+        ssize_t n = recv(fd, request, sizeof request, 0);
+        // LDAPMessage ::= SEQUENCE { messageID INTEGER, bindRequest ... }: find the message id.
+        size_t at = (n > 2 && (request[1] & 0x80)) ? 2 + (request[1] & 0x7F) : 2;
+        if (n > static_cast<ssize_t>(at + 2) && request[at] == 0x02 && request[at + 1] == 1) {
+            const unsigned char response[] = {0x30, 0x0c, 0x02, 0x01, request[at + 2], 0x61, 0x07,
+                                              0x0a, 0x01, 0x00, 0x04, 0x00, 0x04, 0x00};
+            (void)!send(fd, response, sizeof response, MSG_NOSIGNAL);
+        }
+        while (!m_bStop) {
+            pollfd q{fd, POLLIN, 0};
+            if (poll(&q, 1, 50) == 1 && recv(fd, request, sizeof request, 0) <= 0) break;
+        }
+        close(fd);
+    }
+
+    CSilentListener m_Listener;
+    std::atomic<bool> m_bStop{false};
+    std::thread m_Thread;
 };
 
 // Runs `body` on another thread and fails the test if it does not end within a minute: a
@@ -206,6 +250,22 @@ TEST_F(LdapDirectory, SilentServerEndsConnectAfterTheTimeOut) {
     s->SetNonSecure(true);
     s->SetPortNumberNonSecure(silent.Port()); // plain: the bind is never answered
     EXPECT_FALSE(WithinAMinute([&] { return s->Connect(); }));
+}
+
+TEST_F(LdapDirectory, SearchThatIsNeverAnsweredEndsAfterTheTimeOutAndDropsTheConnection) {
+    KelTest::CTraceCapture trace;
+    CBindOnlyServer server;
+    auto s = Server();
+    s->SetTimeout(300);
+    s->SetPortNumber(KelTest::FreePort());
+    s->SetNonSecure(true);
+    s->SetPortNumberNonSecure(server.Port());
+    ASSERT_TRUE(s->Connect());
+    EXPECT_EQ(WithinAMinute([&] { return s->FindUser("alice"); }), "");
+    EXPECT_FALSE(s->GetConnected());
+    EXPECT_TRUE(trace.Has("Search below ou=Users,dc=lanternbay,dc=test with (sAMAccountName=alice) failed with "
+                          "error code -5")); // client time-out
+    EXPECT_TRUE(trace.Has("call ldap_unbind_s"));
 }
 
 // ---------------------------------------------------------------------------------------------
