@@ -13,4 +13,5 @@
 #include <kel/LanguageSupport.h>
 #include <kel/Threading.h>
 #include <kel/Xml.h>
+#include <kel/CodeTables.h>
 #include <kel/Ldap.h>
