@@ -21,3 +21,4 @@
 #include <kel/Ssl.h>
 #include <kel/Crypt.h>
 #include <kel/Cas.h>
+#include <kel/Ldap.h>
