@@ -14,3 +14,4 @@
 #include <kel/Delegates.h>
 #include <kel/Threading.h>
 #include <kel/Xml.h>
+#include <kel/CodeTables.h>
