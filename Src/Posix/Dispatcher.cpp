@@ -158,7 +158,10 @@ void Unpark(CWaitContext& ctx, uint32_t bits, CDeferredWakes* deferred = nullptr
 
 /// The engine's operations on objects; all of them run under the dispatcher lock.
 struct CEngine {
-    static bool IsReadyFor(const CDispatcher* o, const CWaitContext* ctx) noexcept {
+    // For a mutex this first sets the waiters bit: from then on only the holder of the
+    // dispatcher lock changes the owner, so the answer stays true until Acquire. The caller
+    // puts the bit right again (UpdateWaitersBit) before it lets the lock go.
+    static bool IsReadyFor(CDispatcher* o, const CWaitContext* ctx) noexcept {
         switch (o->m_Type) {
         case CDispatcher::DT_AutoEvent:
         case CDispatcher::DT_ManualEvent:
@@ -166,7 +169,7 @@ struct CEngine {
         case CDispatcher::DT_Semaphore:
             return o->m_iState > 0;
         case CDispatcher::DT_Mutex: {
-            uintptr_t owner = o->m_Owner.load(std::memory_order_relaxed) & ~kWaitersBit;
+            uintptr_t owner = o->m_Owner.fetch_or(kWaitersBit, std::memory_order_acq_rel) & ~kWaitersBit;
             return owner == 0 || owner == reinterpret_cast<uintptr_t>(ctx);
         }
         }
@@ -191,10 +194,8 @@ struct CEngine {
                 ++o->m_nRecursion;
                 return false;
             }
-            // Free: a fast-path acquirer may race only while the waiters bit is clear.
-            while (!o->m_Owner.compare_exchange_weak(v, me | (v & kWaitersBit), std::memory_order_acquire,
-                                                     std::memory_order_relaxed)) {
-            }
+            // Free, and IsReadyFor has set the waiters bit: no lock-free path can take it now.
+            o->m_Owner.store(me | kWaitersBit, std::memory_order_relaxed);
             o->m_nRecursion = 1;
             if (!o->m_bAbandoned.load(std::memory_order_relaxed)) return false;
             o->m_bAbandoned.store(false, std::memory_order_relaxed);
@@ -318,7 +319,8 @@ void CDispatcher::ResetEvent() noexcept {
 
 bool CDispatcher::IsSignalled() const noexcept {
     std::lock_guard<CDispatchLock> hold(g_DispatchLock);
-    return CEngine::IsReadyFor(this, nullptr);
+    if (m_Type == DT_Mutex) return (m_Owner.load(std::memory_order_acquire) & ~kWaitersBit) == 0;
+    return m_Type == DT_Semaphore ? m_iState > 0 : m_iState != 0;
 }
 
 bool CDispatcher::ReleaseMutex(CWaitContext& self) noexcept {
@@ -448,9 +450,13 @@ unsigned int WaitForObjects(CWaitContext& self, unsigned int count, CDispatcher*
             // would; a wait that is satisfied at once is not turned into a time-out by it.
             if (alertable && (self.m_uParker.load(std::memory_order_acquire) & CWaitContext::PW_Alert)) {
                 self.m_uParker.fetch_and(~CWaitContext::PW_Alert, std::memory_order_acq_rel);
+                for (unsigned int i = 0; i < count; ++i) CEngine::UpdateWaitersBit(objects[i]);
                 return WR_IoCompletion;
             }
-            if (timeoutMs == 0) return WR_Timeout;
+            if (timeoutMs == 0) {
+                for (unsigned int i = 0; i < count; ++i) CEngine::UpdateWaitersBit(objects[i]);
+                return WR_Timeout;
+            }
             self.m_uParker.fetch_and(CWaitContext::PW_Alert | CWaitContext::PW_Polling, std::memory_order_relaxed);
             for (unsigned int i = 0; i < count; ++i) {
                 entries[i].waiter = &w;
@@ -463,6 +469,7 @@ unsigned int WaitForObjects(CWaitContext& self, unsigned int count, CDispatcher*
             result = CEngine::TrySatisfy(w);
             if (result != WR_Failed) CEngine::Dequeue(w);
         }
+        for (unsigned int i = 0; i < count; ++i) CEngine::UpdateWaitersBit(objects[i]);
     }
     if (result == WR_Failed) {
         uint32_t bits = Park(self, Deadline(timeoutMs), alertable);
