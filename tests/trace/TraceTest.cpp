@@ -22,11 +22,24 @@
 #include <thread>
 
 // Counting allocator: a switched-off trace point must not allocate. GCC cannot see that the
-// replaced operators pair malloc with free.
+// replaced operators pair malloc with free. Under AddressSanitizer the sanitizer owns the
+// allocation operators, so the count is only taken in plain builds.
+#if defined(__SANITIZE_ADDRESS__)
+#define KEL_COUNT_ALLOCATIONS 0
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define KEL_COUNT_ALLOCATIONS 0
+#endif
+#endif
+#ifndef KEL_COUNT_ALLOCATIONS
+#define KEL_COUNT_ALLOCATIONS 1
+#endif
+
+static std::atomic<unsigned long long> g_uAllocations{0};
+#if KEL_COUNT_ALLOCATIONS
 #if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 #endif
-static std::atomic<unsigned long long> g_uAllocations{0};
 void* operator new(std::size_t size) {
     g_uAllocations.fetch_add(1, std::memory_order_relaxed);
     if (void* p = std::malloc(size ? size : 1)) return p;
@@ -34,6 +47,7 @@ void* operator new(std::size_t size) {
 }
 void operator delete(void* p) noexcept { std::free(p); }
 void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+#endif
 
 namespace {
 
