@@ -9,6 +9,7 @@
 #include <kel/LanguageSupport.h>
 #include <kel/OutputStreams.h>
 
+#include <array>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -36,6 +37,32 @@ constexpr char kDigitPairs[] = "00010203040506070809"
                                "70717273747576777879"
                                "80818283848586878889"
                                "90919293949596979899";
+
+// What each type letter selects; `valid` is 0 for every other character.
+struct TYPE_INFO {
+    unsigned char valid, conv, radix, upper, sign, integer;
+};
+
+constexpr std::array<TYPE_INFO, 256> MakeTypeTable() {
+    std::array<TYPE_INFO, 256> t{};
+    using S = CFormatStream;
+    t['c'] = {1, S::CV_Char, 10, 0, 0, 1};
+    t['C'] = {1, S::CV_Char, 10, 1, 0, 1};
+    t['d'] = {1, S::CV_Signed, 10, 0, 0, 1};
+    t['D'] = {1, S::CV_Signed, 10, 0, '+', 1};
+    t['b'] = {1, S::CV_Unsigned, 2, 0, 0, 1};
+    t['o'] = {1, S::CV_Unsigned, 8, 0, 0, 1};
+    t['x'] = {1, S::CV_Unsigned, 16, 0, 0, 1};
+    t['X'] = {1, S::CV_Unsigned, 16, 1, 0, 1};
+    t['s'] = {1, S::CV_String, 10, 0, 0, 0};
+    t['S'] = {1, S::CV_String, 10, 1, 0, 0};
+    t['p'] = {1, S::CV_Pointer, 16, 0, 0, 0};
+    t['P'] = {1, S::CV_Pointer, 16, 1, 0, 0};
+    t['h'] = {1, S::CV_HexDump, 16, 0, 0, 0};
+    t['H'] = {1, S::CV_HexDump, 16, 1, 0, 0};
+    return t;
+}
+constexpr std::array<TYPE_INFO, 256> kTypes = MakeTypeTable();
 
 inline bool IsDigit(char c) noexcept { return c >= '0' && c <= '9'; }
 
@@ -66,20 +93,23 @@ const char* SkipDirective(const char* p, bool fromPrecision) noexcept {
         else
             return nullptr;
     }
-    switch (*p) {
-    case 'c': case 'C': case 'd': case 'D': case 'b': case 'o': case 'x': case 'X':
-    case 's': case 'S': case 'p': case 'P': case 'h': case 'H':
-        return p + 1;
-    default:
-        return nullptr;
-    }
+    return kTypes[static_cast<unsigned char>(*p)].valid ? p + 1 : nullptr;
+}
+
+// The last '\n' of a text, or null.
+inline const char* LastLineEnd(const char* text, size_t length) noexcept {
+#if defined(__GLIBC__)
+    if (length > 16) return static_cast<const char*>(memrchr(text, '\n', length));
+#endif
+    for (const char* p = text + length; p != text;)
+        if (*--p == '\n') return p;
+    return nullptr;
 }
 
 // The column after the last line of `text` (the characters behind its last '\n').
 inline size_t TrailingColumn(const char* text, size_t length) noexcept {
-    const char* p = text + length;
-    while (p != text && p[-1] != '\n') --p;
-    return static_cast<size_t>(text + length - p);
+    const char* nl = LastLineEnd(text, length);
+    return nl ? static_cast<size_t>(text + length - nl - 1) : length;
 }
 
 } // namespace
@@ -90,9 +120,6 @@ inline size_t TrailingColumn(const char* text, size_t length) noexcept {
 CFormatStream::CFormatStream(Base_Classes::CFormatStreamBuffer& sink, const char* format) { Start(sink, format); }
 
 CFormatStream::CFormatStream(Strings::CStringVar& target, const char* format) : m_StringSink(&target) {
-    // The string may already hold text: `!` fields must know the column where it ends.
-    static_cast<Base_Classes::CFormatStreamBuffer&>(m_StringSink).m_nColumn =
-        TrailingColumn(target.data(), target.Length());
     Start(m_StringSink, format);
 }
 
@@ -195,21 +222,46 @@ void CFormatStream::Fail(Exceptions::SOURCE_INFO& site) {
 // ---------------------------------------------------------------------------------------------
 // The directive parser
 
+// Put for unconverted text. Into the stream's own string sink (CStringVar::Format, the most
+// common case) the text is appended in place: no indirect call for the sink's Write.
+inline void CFormatStream::Emit(const char* text, size_t length) {
+    if (m_pSink != &m_StringSink) {
+        m_pSink->Put(text, length);
+        return;
+    }
+    Strings::CStringVar* target = m_StringSink.GetTarget();
+    if (!target || length == 0) return;
+    try {
+        target->Cat(text, length);
+    } catch (...) {
+        End();
+        throw;
+    }
+}
+
+// The string keeps its own text, so its column is read from it when a field needs it rather
+// than counted on every write.
+size_t CFormatStream::CurrentColumn() const noexcept {
+    if (m_pSink != &m_StringSink) return m_pSink->GetColumn();
+    const Strings::CStringVar* target = m_StringSink.GetTarget();
+    return target ? TrailingColumn(target->data(), target->Length()) : 0;
+}
+
 // Writes the plain text up to the next directive ("%%" as one '%') and returns where that
 // directive's '%' is, or the terminating NUL.
 const char* CFormatStream::ScanPlain() {
     const char* p = m_pFormat;
     for (;;) {
         const char* run = p;
-        while (*p != '\0' && *p != '%') ++p;
+        p += std::strcspn(p, "%"); // the C library scans a word at a time
         if (*p == '%' && p[1] == '%') {
             m_pFormat = p + 2;
-            if (m_bPlainText) m_pSink->Put(run, static_cast<size_t>(p + 1 - run));
+            if (m_bPlainText) Emit(run, static_cast<size_t>(p + 1 - run));
             p += 2;
             continue;
         }
         m_pFormat = p;
-        if (p != run && m_bPlainText) m_pSink->Put(run, static_cast<size_t>(p - run));
+        if (p != run && m_bPlainText) Emit(run, static_cast<size_t>(p - run));
         return p;
     }
 }
@@ -232,12 +284,10 @@ unsigned int CFormatStream::GetFormatParameters(unsigned long long value, unsign
         m_nWidth = 0;
         m_nIndent = 0;
         m_nPrec = 0;
-        m_nRadix = 10;
         m_cFill = ' ';
-        m_cSign = 0;
         m_Align = AL_None;
-        m_bUpper = false;
         m_bSplit = false;
+        if (kTypes[static_cast<unsigned char>(*p)].valid) return TypeReady(p, isInteger); // "%s", "%d", ...
         if (*p == '!') {
             m_bSplit = true;
             ++p;
@@ -290,38 +340,30 @@ unsigned int CFormatStream::GetFormatParameters(unsigned long long value, unsign
         }
         m_Prec[m_nPrec++] = static_cast<unsigned int>(prec);
     }
-
     m_State = PS_Type;
-    bool wantsInteger = true;
-    switch (*p) {
-    case 'c': m_Conv = CV_Char; break;
-    case 'C': m_Conv = CV_Char; m_bUpper = true; break;
-    case 'd': m_Conv = CV_Signed; break;
-    case 'D': m_Conv = CV_Signed; m_cSign = '+'; break;
-    case 'b': m_Conv = CV_Unsigned; m_nRadix = 2; break;
-    case 'o': m_Conv = CV_Unsigned; m_nRadix = 8; break;
-    case 'x': m_Conv = CV_Unsigned; m_nRadix = 16; break;
-    case 'X': m_Conv = CV_Unsigned; m_nRadix = 16; m_bUpper = true; break;
-    case 's': m_Conv = CV_String; wantsInteger = false; break;
-    case 'S': m_Conv = CV_String; m_bUpper = true; wantsInteger = false; break;
-    case 'p': m_Conv = CV_Pointer; m_nRadix = 16; wantsInteger = false; break;
-    case 'P': m_Conv = CV_Pointer; m_nRadix = 16; m_bUpper = true; wantsInteger = false; break;
-    case 'h': m_Conv = CV_HexDump; m_nRadix = 16; wantsInteger = false; break;
-    case 'H': m_Conv = CV_HexDump; m_nRadix = 16; m_bUpper = true; wantsInteger = false; break;
-    default: Fail(KEL_SITE()); // an unknown type letter, or the format ends inside a directive
-    }
-    if (wantsInteger && !isInteger) Fail(KEL_SITE()); // c C d D b o x X need an integer
-    if (!wantsInteger && isInteger) Fail(KEL_SITE()); // s S p P h H need a non-integer
+    return TypeReady(p, isInteger);
+}
+
+// The type letter at `p` ends the directive: the field waits for its argument.
+unsigned int CFormatStream::TypeReady(const char* p, unsigned int isInteger) {
+    const TYPE_INFO& type = kTypes[static_cast<unsigned char>(*p)];
+    if (!type.valid) Fail(KEL_SITE()); // an unknown type letter, or the format ends inside a directive
+    if (type.integer && !isInteger) Fail(KEL_SITE()); // c C d D b o x X need an integer
+    if (!type.integer && isInteger) Fail(KEL_SITE()); // s S p P h H need a non-integer
+    m_Conv = static_cast<CONV>(type.conv);
+    m_nRadix = type.radix;
+    m_bUpper = type.upper != 0;
+    m_cSign = static_cast<char>(type.sign);
     m_pFormat = p + 1;
     m_State = PS_Ready;
     if (m_nWidth == 0) m_Align = AL_None;
     if (m_bSplit) {
-        size_t column = m_pSink->GetColumn();
+        size_t column = CurrentColumn();
         size_t margin = m_pSink->GetLeftMargin();
         size_t indent = column > margin ? column : margin;
         m_nIndent = indent > kMaxFieldValue ? static_cast<unsigned int>(kMaxFieldValue) : static_cast<unsigned int>(indent);
     }
-    m_pSink->SignalNewFormatField();
+    if (m_pSink != &m_StringSink) m_pSink->SignalNewFormatField(); // a string keeps no fields
     return FP_Ready;
 }
 
@@ -329,18 +371,21 @@ unsigned int CFormatStream::GetFormatParameters(unsigned long long value, unsign
 // Field output
 
 void CFormatStream::PadToIndent() {
-    size_t column = m_pSink->GetColumn();
+    size_t column = CurrentColumn();
     if (column < m_nIndent) m_pSink->PutFill(' ', m_nIndent - column);
 }
 
 void CFormatStream::WritePiece(const char* text, size_t length) {
     Base_Classes::CFormatStreamBuffer& sink = *m_pSink;
-    if (m_nIndent && sink.GetColumn() < m_nIndent) sink.PutFill(' ', m_nIndent - sink.GetColumn());
+    if (m_nIndent) PadToIndent();
     const unsigned int upper = m_bUpper ? 1u : 0u;
     const size_t width = m_nWidth;
     switch (m_Align) {
     case AL_None:
-        sink.Put(text, length, upper);
+        if (upper)
+            sink.Put(text, length, upper);
+        else
+            Emit(text, length);
         break;
     case AL_Left:
         if (length >= width) {
@@ -526,7 +571,7 @@ void CFormatStream::WriteDump(const unsigned char* data, size_t length) {
 // field of its own, so that an order text can still place it.
 void CFormatStream::WriteExtra(const char* text, size_t length) {
     if (!m_bPlainText) m_pSink->SignalNewFormatField();
-    m_pSink->Put(text, length);
+    Emit(text, length);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -599,7 +644,10 @@ void CFormatStream::WriteString(const char* text, size_t length) {
             break;
         default:
             if (m_nPrec && m_Prec[0] < length) length = m_Prec[0];
-            FormatedWrite(text, length, m_bSplit ? 1u : 0u);
+            if (m_Align == AL_None && !m_bSplit && !m_bUpper)
+                Emit(text, length); // the common plain %s
+            else
+                FormatedWrite(text, length, m_bSplit ? 1u : 0u);
             break;
         }
         m_State = PS_Start;

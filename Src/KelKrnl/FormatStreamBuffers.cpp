@@ -15,6 +15,21 @@
 namespace KEL {
 namespace Output_Streams {
 
+namespace {
+
+// The last '\n' of a text, or null.
+inline const char* LastLineEnd(const char* text, size_t length) noexcept {
+#if defined(__GLIBC__)
+    return static_cast<const char*>(memrchr(text, '\n', length));
+#else
+    for (const char* p = text + length; p != text;)
+        if (*--p == '\n') return p;
+    return nullptr;
+#endif
+}
+
+} // namespace
+
 namespace Base_Classes {
 
 CFormatStreamBuffer::~CFormatStreamBuffer() {
@@ -52,9 +67,8 @@ void CFormatStreamBuffer::Put(const char* text, size_t length, unsigned int uppe
         Catch();
         throw;
     }
-    const char* p = text + length;
-    while (p != text && p[-1] != '\n') --p;
-    m_nColumn = (p == text) ? m_nColumn + length : static_cast<size_t>(text + length - p);
+    const char* nl = LastLineEnd(text, length);
+    m_nColumn = nl ? static_cast<size_t>(text + length - nl - 1) : m_nColumn + length;
 }
 
 void CFormatStreamBuffer::PutFill(int ch, size_t count) {
@@ -224,6 +238,14 @@ CFormatStream CFormatResortBuffer::Format(const char* format, const char* order)
         m_Order = Misc::Null;
         return CFormatStream(*this, "");
     }
+    return CFormatStream(*this, format);
+}
+
+CFormatStream CFormatResortBuffer::Format(const char* format) {
+    m_Text = Misc::Null;
+    m_FieldStart.clear();
+    m_nFields = 0;
+    m_nColumn = 0;
     return CFormatStream(*this, format);
 }
 

@@ -76,9 +76,7 @@ CStringVar::CStringVar(CStringVar&& other) noexcept : CStringVar() {
 
 CStringVar::CStringVar(const Language_Support::CLanguageStrg& text) : CStringVar() { *this = text; }
 
-CStringVar::~CStringVar() {
-    if (OwnsHeapBlock()) std::free(WData());
-}
+void CStringVar::FreeBlock() noexcept { std::free(WData()); }
 
 void CStringVar::ResetInline() noexcept {
     if (IsInline()) {

@@ -20,6 +20,7 @@
 
 #include <kel/Config.h>
 
+#include <cstdint>
 #include <cstring>
 #include <sstream>
 #include <string>
@@ -160,7 +161,9 @@ public:
     CStringVar(const CStringVar& other);
     CStringVar(CStringVar&& other) noexcept;
     CStringVar(const Language_Support::CLanguageStrg& text);
-    ~CStringVar() override;
+    ~CStringVar() override {
+        if (OwnsHeapBlock()) FreeBlock();
+    }
 
     CStringVar& operator=(const CStringVar& text);
     CStringVar& operator=(CStringVar&& text) noexcept;
@@ -212,7 +215,7 @@ public:
         // and capacities past the limit both fail the single unsigned comparison).
         if (text && count <= m_nCapacity - m_nLength && m_nCapacity - 1 < MAX_SIZE) {
             char* end = WData() + m_nLength;
-            std::memcpy(end, text, count);
+            CopySmall(end, text, count);
             end[count] = '\0';
             m_nLength += count;
             return *this;
@@ -287,6 +290,30 @@ protected:
     /// Assignment: empties the string and appends `count` characters of `text`, which may
     /// be part of this string's own text.
     CStringVar& Assign(const char* text, size_t count);
+    /// Copies `count` bytes; pieces of up to 16 bytes without a call (two overlapping loads
+    /// and stores, all loads first, never touching a byte outside either range).
+    static void CopySmall(char* to, const char* from, size_t count) noexcept {
+        if (count > 16) {
+            std::memcpy(to, from, count);
+        } else if (count >= 8) {
+            std::uint64_t head, tail;
+            std::memcpy(&head, from, 8);
+            std::memcpy(&tail, from + count - 8, 8);
+            std::memcpy(to, &head, 8);
+            std::memcpy(to + count - 8, &tail, 8);
+        } else if (count >= 4) {
+            std::uint32_t head, tail;
+            std::memcpy(&head, from, 4);
+            std::memcpy(&tail, from + count - 4, 4);
+            std::memcpy(to, &head, 4);
+            std::memcpy(to + count - 4, &tail, 4);
+        } else if (count != 0) {
+            const char first = from[0], middle = from[count / 2], last = from[count - 1];
+            to[0] = first;
+            to[count / 2] = middle;
+            to[count - 1] = last;
+        }
+    }
     char* WData() noexcept { return const_cast<char*>(m_pData); }
     char* InlineBuf() noexcept { return m_inline; }
     bool IsInline() const noexcept { return m_pData == m_inline; }
@@ -302,6 +329,8 @@ protected:
     bool IsAlias() const noexcept { return !IsInline() && StoredInlineCapacity() == 0; }
     /// Whether the text is in a heap block that this string owns.
     bool OwnsHeapBlock() const noexcept { return !IsInline() && m_nCapacity != 0 && StoredInlineCapacity() != 0; }
+    /// Frees the heap block (the destructor's out-of-line part).
+    void FreeBlock() noexcept;
     /// Drops any heap block and points the string at its empty inline buffer.
     void ResetInline() noexcept;
     /// Copies foreign text (capacity 0) into own storage before a change.

@@ -13,3 +13,4 @@
 #include <kel/LanguageSupport.h>
 #include <kel/Threading.h>
 #include <kel/Xml.h>
+#include <kel/CodeTables.h>

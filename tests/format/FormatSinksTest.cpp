@@ -175,6 +175,16 @@ TEST(ResortBuffer, ANewFormatStartsFromNoFields) {
     EXPECT_EQ("[only] ", Text(out));
 }
 
+TEST(ResortBuffer, AFormatWithoutOrderTextKeepsTheOrderAndDropsTheFields) {
+    CFormatResortBuffer r;
+    r.Format("%s %s", "%2, %1") << "first" << "second";
+    r.Format("%d %d") << 1 << 2;
+    EXPECT_EQ(2u, r.FieldCount());
+    CStringVar out;
+    r.PutInOrder(out);
+    EXPECT_EQ("2, 1 ", Text(out));
+}
+
 TEST(ResortBuffer, IsAStringArgumentOfAnotherFormat) {
     CFormatResortBuffer r;
     r.Format("%d %s", "%2=%1") << 5 << "five";
