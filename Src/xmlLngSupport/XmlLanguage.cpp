@@ -103,7 +103,6 @@ CXMLLanguage::CXMLLanguage()
 unsigned int CXMLLanguage::SetLanguageInfo(const std::string& filePath) {
     const char* fn = "KEL::Language_Support::CXMLLanguage::SetLanguageInfo";
     XML::xml_document doc;
-    // Only the root element's attributes matter here: skip the labels' contents.
     XML::xml_parse_result parsed = doc.load_file(filePath.c_str());
     if (!parsed) {
         KEL_TRACE(KEL_MODULE_INFO_KelLib, Trace_Nls, fn, "Bad xmlfile %s") << filePath;
