@@ -310,6 +310,14 @@ TEST(StringOutOfMemory, FailedReallocationFreesTheBlockAndLeavesAnEmptySoundStri
     EXPECT_STREQ(s.C_Str(), "again");
 }
 
+TEST(StringOutOfMemory, GrowingWindowRaisesAndLeavesTheParentAlone) {
+    CStringVar s("abc");
+    EXPECT_EQ(RaisedStatus([&] { s(1, 1).Set('x', size_t(1) << 60); }), 0x2001000Fu);
+    EXPECT_STREQ(s.C_Str(), "abc");
+    EXPECT_EQ(RaisedStatus([&] { s.Set('x', size_t(1) << 60); }), 0x2001000Fu);
+    EXPECT_STREQ(s.C_Str(), "abc");
+}
+
 TEST(StringOutOfMemory, RequestsThatWouldOverflowTheSizeArithmeticAreRefused) {
     CStringVar s("0123456789");
     EXPECT_EQ(RaisedStatus([&] { s.Lock(~size_t(0)); }), 0x2001000Fu);
