@@ -103,7 +103,6 @@ CXMLLanguage::CXMLLanguage()
 unsigned int CXMLLanguage::SetLanguageInfo(const std::string& filePath) {
     const char* fn = "KEL::Language_Support::CXMLLanguage::SetLanguageInfo";
     XML::xml_document doc;
-    // Only the root element's attributes matter here: skip the labels' contents.
     XML::xml_parse_result parsed = doc.load_file(filePath.c_str());
     if (!parsed) {
         KEL_TRACE(KEL_MODULE_INFO_KelLib, Trace_Nls, fn, "Bad xmlfile %s") << filePath;
@@ -208,21 +207,20 @@ void CXMLLanguage::Load() {
 }
 
 const char* CXMLLanguage::Find(unsigned int labelId, size_t& length) const noexcept {
-    // The table has a fixed size: the search runs over all of it.
-    size_t lo = 0, hi = m_Ids.size();
-    while (lo < hi) {
-        size_t mid = lo + (hi - lo) / 2;
-        unsigned int id = m_Ids[mid];
-        if (id == labelId) {
-            length = m_Labels[mid].length;
-            return m_Labels[mid].text;
-        }
-        if (id < labelId)
-            lo = mid + 1;
-        else
-            hi = mid;
+    // Branch-free binary search over the whole fixed-size table: the halving step compiles to a
+    // conditional move, so unpredictable label ids cost no mispredicted jumps.
+    size_t count = m_Ids.size();
+    if (count == 0) return nullptr;
+    const unsigned int* base = m_Ids.data();
+    while (count > 1) {
+        size_t half = count / 2;
+        base = (base[half] <= labelId) ? base + half : base;
+        count -= half;
     }
-    return nullptr;
+    if (*base != labelId) return nullptr;
+    const LABEL& label = m_Labels[static_cast<size_t>(base - m_Ids.data())];
+    length = label.length;
+    return label.text;
 }
 
 void CXMLLanguages::Build(const boost::filesystem::path& nlsFolder) {

@@ -168,7 +168,8 @@ public:
     CXMLLanguages& operator=(const CXMLLanguages&) = delete;
 
     /// Lists `nlsFolder` for files named by two letters and ".xml" and reads their LOCALE
-    /// attributes; files that fail a check are traced and left out. Replaces what was there.
+    /// attributes; files that fail a check are traced and left out. Replaces what was there, so
+    /// it must not run while other threads resolve through this object.
     void Build(const boost::filesystem::path& nlsFolder);
     size_t size() const noexcept { return m_Records.size(); }
     CXMLLanguage& operator[](size_t index) const noexcept { return *m_Records[index]; }

@@ -120,6 +120,8 @@ bool ParseSource(const std::string& text, unsigned long long count, std::vector<
     while (std::getline(in, raw)) {
         ++lineNo;
         if (!raw.empty() && raw.back() == '\r') raw.pop_back();
+        // A NUL would end the string early in the binary file and shift every later index.
+        if (raw.find('\0') != std::string::npos) return fail(lineNo, "NUL character in the line");
         std::string line = Trim(raw);
         if (line.empty() || line[0] == '#') continue;
         std::string why;
