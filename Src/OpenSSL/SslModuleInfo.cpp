@@ -40,6 +40,12 @@ std::atomic<unsigned int> s_nLocks{0};
 unsigned int s_nInitCount = 0;
 std::atomic<unsigned int> s_nLockFailures{0};
 
+// Error texts of libssl exist only once libssl was initialised; a text may be wanted before
+// any context was made (a key read, a code in an error log). Cheap after the first call.
+void LoadErrorTexts() noexcept {
+    OPENSSL_init_ssl(OPENSSL_INIT_LOAD_SSL_STRINGS | OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
+}
+
 void ReportLockFailure(const char* file, int line, const char* reason) {
     s_nLockFailures.fetch_add(1, std::memory_order_relaxed);
     Strings::TString<256> text;
@@ -56,12 +62,15 @@ CSslModuleInfo::CSslModuleInfo() : CModuleInfo(4, "OpenSSL", OpenSSL_version(OPE
 CSslModuleInfo::~CSslModuleInfo() = default;
 
 void CSslModuleInfo::GetErrorMsg(Strings::CStringVar& text, unsigned int code, unsigned int) {
+    LoadErrorTexts();
     char buffer[256];
     ERR_error_string_n(code, buffer, sizeof buffer);
     text = buffer;
 }
 
 unsigned long CSslModuleInfo::GetErrorMsg(Strings::CStringVar& text) {
+    if (ERR_peek_error() == 0) return 0;
+    LoadErrorTexts();
     unsigned long first = 0;
     const char* file = nullptr;
     const char* func = nullptr;
