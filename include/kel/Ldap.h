@@ -103,8 +103,9 @@ public:
     static bool checkIsInternalOnly(const LDAPServerList& servers);
 
     /// The servers of the "/config/authorization/ldapServer" elements of `doc`, in document
-    /// order, at most MAX_LDAP_SERVERS. One element makes a CLDAPServerInternalOnly; with more,
-    /// the internal domain makes a CLDAPServerInternal and any other a CLDAPServerExternal.
+    /// order, at most MAX_LDAP_SERVERS. One element makes a CLDAPServerInternalOnly with the
+    /// domain as written ("LANTERNBAY" when empty); with more, the internal domain makes a
+    /// CLDAPServerInternal and any other a CLDAPServerExternal.
     /// Empty or missing elements keep the defaults; a port that is not a decimal number from 1 to
     /// 65535, or a nonSecure that is not true/false/1/0/yes/no, keeps its default and is traced.
     /// baseDN, securityPrincipal and securityCredentials are taken as written (empty when empty
