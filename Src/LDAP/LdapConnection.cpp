@@ -209,13 +209,19 @@ bool CLDAPServer::Connect() {
 }
 
 void CLDAPServer::Disconnect() {
-    if (m_pHandle != nullptr) {
-        KEL_TRACE(KEL::KEL_MODULE_INFO_KelLib, 0x20000000, g_pszDisconnect, "call ldap_unbind_s");
-        CSigPipeGuard noSigPipe;
-        ldap_unbind_ext_s(m_pHandle, nullptr, nullptr);
-        m_pHandle = nullptr;
-    }
     m_bConnected = false;
+    if (m_pHandle == nullptr) return;
+    // The handle is released when this scope ends, after the trace entry, even when writing
+    // the entry fails.
+    struct CUnbind {
+        LDAP* ld;
+        ~CUnbind() {
+            CSigPipeGuard noSigPipe;
+            ldap_unbind_ext_s(ld, nullptr, nullptr);
+        }
+    } unbind{m_pHandle};
+    m_pHandle = nullptr;
+    KEL_TRACE(KEL::KEL_MODULE_INFO_KelLib, 0x20000000, g_pszDisconnect, "call ldap_unbind_s");
 }
 
 unsigned int CLDAPServer::TestConnection() {
