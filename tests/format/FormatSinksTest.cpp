@@ -193,6 +193,16 @@ TEST(ResortBuffer, IsAStringArgumentOfAnotherFormat) {
     EXPECT_EQ("<five=5 >", Text(s));
 }
 
+TEST(ResortBuffer, ABadOrderTextInsideAnotherFormatEndsThatFormat) {
+    CFormatResortBuffer r;
+    r.Format("%s", "%1 %5") << "A";
+    CStringVar s;
+    EXPECT_EQ(0x2001001Bu, StatusOf([&] { s.Format("a %s b") << r; }));
+    EXPECT_EQ("", Text(s)); // the fields are put in order before the text reaches %s
+    s.Format("%d") << 1;
+    EXPECT_EQ("1", Text(s));
+}
+
 TEST(ResortBuffer, ABadFormatKeepsTheFieldsSoFar) {
     CFormatResortBuffer r;
     EXPECT_EQ(0x20010010u, StatusOf([&] { r.Format("%s %d", "%1") << "kept" << "bad"; }));
