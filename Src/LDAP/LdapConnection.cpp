@@ -209,13 +209,19 @@ bool CLDAPServer::Connect() {
 }
 
 void CLDAPServer::Disconnect() {
-    if (m_pHandle != nullptr) {
-        KEL_TRACE(KEL::KEL_MODULE_INFO_KelLib, 0x20000000, g_pszDisconnect, "call ldap_unbind_s");
-        CSigPipeGuard noSigPipe;
-        ldap_unbind_ext_s(m_pHandle, nullptr, nullptr);
-        m_pHandle = nullptr;
-    }
     m_bConnected = false;
+    if (m_pHandle == nullptr) return;
+    // The handle is released when this scope ends, after the trace entry, even when writing
+    // the entry fails.
+    struct CUnbind {
+        LDAP* ld;
+        ~CUnbind() {
+            CSigPipeGuard noSigPipe;
+            ldap_unbind_ext_s(ld, nullptr, nullptr);
+        }
+    } unbind{m_pHandle};
+    m_pHandle = nullptr;
+    KEL_TRACE(KEL::KEL_MODULE_INFO_KelLib, 0x20000000, g_pszDisconnect, "call ldap_unbind_s");
 }
 
 unsigned int CLDAPServer::TestConnection() {
@@ -319,9 +325,6 @@ bool CLDAPServerInternal::FindPrivilege(const std::string& userDn, std::string& 
         << static_cast<unsigned int>(departments.size());
     if (rc != LDAP_SUCCESS) return false;
 
-    const std::string roleDeclarations = SuiteContainer(m_strRoleDeclarations);
-    const std::string privilegeContainer = SuiteContainer(m_strPrivileges);
-    std::set<std::string> seen;
     for (const LDAP_ENTRY& department : departments) {
         const std::string dn = NormalizeDN(department.dn);
         const std::string rdn = dn.substr(0, FirstSeparator(dn));
@@ -331,25 +334,9 @@ bool CLDAPServerInternal::FindPrivilege(const std::string& userDn, std::string& 
         KEL_TRACE(KEL::KEL_MODULE_INFO_KelLib, 0x20000000, g_pszFindPrivilege, "FindPrivilege: group dn = %s")
             << groupDn;
 
-        std::vector<LDAP_ENTRY> groups;
-        const std::string groupFilter = "(&(objectClass=*)(distinguishedName=" + EscapeFilterValue(groupDn) + "))";
-        rc = Search(groupDn, SC_Base, groupFilter, {"member", "memberOf"}, groups, 1);
+        rc = GetPrivileges(groupDn, accessRole, privileges);
         if (rc == LDAP_NO_SUCH_OBJECT) continue; // a department without a role grants nothing
         if (rc != LDAP_SUCCESS) return false;
-        for (const LDAP_ENTRY& group : groups) {
-            for (const char* attribute : {"member", "memberof"}) {
-                auto values = group.attributes.find(attribute);
-                if (values == group.attributes.end()) continue;
-                for (const std::string& value : values->second) {
-                    std::string relative;
-                    if (BelowContainer(value, roleDeclarations, relative)) {
-                        if (accessRole.empty()) accessRole = relative;
-                    } else if (BelowContainer(value, privilegeContainer, relative)) {
-                        if (seen.insert(Lower(relative)).second) privileges.push_back(relative);
-                    }
-                }
-            }
-        }
     }
     KEL_TRACE(KEL::KEL_MODULE_INFO_KelLib, 0x20000000, g_pszFindPrivilege, "FindPrivilege: found %d privileges")
         << static_cast<unsigned int>(privileges.size());
@@ -359,6 +346,33 @@ bool CLDAPServerInternal::FindPrivilege(const std::string& userDn, std::string& 
         KEL_TRACE(KEL::KEL_MODULE_INFO_KelLib, 0x20000000, g_pszFindPrivilege, "FindPrivilege: privilege[%d] = %s")
             << static_cast<unsigned int>(i) << privileges[i];
     return !accessRole.empty();
+}
+
+int CLDAPServerInternal::GetPrivileges(const std::string& groupDn, std::string& accessRole,
+                                       std::vector<std::string>& privileges) {
+    std::vector<LDAP_ENTRY> groups;
+    const std::string filter = "(&(objectClass=*)(distinguishedName=" + EscapeFilterValue(groupDn) + "))";
+    const int rc = Search(groupDn, SC_Base, filter, {"member", "memberOf"}, groups, 1);
+    if (rc != LDAP_SUCCESS) return rc;
+    const std::string roleDeclarations = SuiteContainer(m_strRoleDeclarations);
+    const std::string privilegeContainer = SuiteContainer(m_strPrivileges);
+    std::set<std::string> seen;
+    for (const std::string& p : privileges) seen.insert(Lower(p));
+    for (const LDAP_ENTRY& group : groups) {
+        for (const char* attribute : {"member", "memberof"}) {
+            auto values = group.attributes.find(attribute);
+            if (values == group.attributes.end()) continue;
+            for (const std::string& value : values->second) {
+                std::string relative;
+                if (BelowContainer(value, roleDeclarations, relative)) {
+                    if (accessRole.empty()) accessRole = relative;
+                } else if (BelowContainer(value, privilegeContainer, relative)) {
+                    if (seen.insert(Lower(relative)).second) privileges.push_back(relative);
+                }
+            }
+        }
+    }
+    return rc;
 }
 
 bool CLDAPServerExternal::findMembersParentMembers(const std::string& memberDn, std::vector<std::string>& groups) {

@@ -122,7 +122,13 @@ CLDAPServer::CLDAPServer()
       m_strPrivileges("OU=Privileges,OU=Declarations"), m_strRoleDeclarations("OU=AuthorizationRoles,OU=Declarations"),
       m_strDepartments("OU=Departments") {}
 
-CLDAPServer::~CLDAPServer() { Disconnect(); }
+CLDAPServer::~CLDAPServer() {
+    try {
+        Disconnect();
+    } catch (...) {
+        // Only the trace entry can fail (memory); the connection is closed regardless.
+    }
+}
 
 CLDAPServerInternal::CLDAPServerInternal() { m_strDomain = g_strInternalName; }
 

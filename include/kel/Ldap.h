@@ -37,10 +37,13 @@
 //                             role group "CN=x,OU=AuthorizationRoles,<suiteRDN>,<baseDN>" is read
 //                             on its own (base scope) with
 //                             "(&(objectClass=*)(distinguishedName=<group DN>))" and the
-//                             attributes "member" and "memberOf"; every value below the role
-//                             declarations "OU=AuthorizationRoles,OU=Declarations,<suiteRDN>,
-//                             <baseDN>" is an access role, every value below the privileges
-//                             "OU=Privileges,OU=Declarations,<suiteRDN>,<baseDN>" a privilege.
+//                             attributes "member" and "memberOf" (GetPrivileges); every value
+//                             below the role declarations "OU=AuthorizationRoles,
+//                             OU=Declarations,<suiteRDN>,<baseDN>" is an access role, every value
+//                             below the privileges "OU=Privileges,OU=Declarations,<suiteRDN>,
+//                             <baseDN>" a privilege. The directory's entries are expected to
+//                             carry their own name in "distinguishedName", as Active Directory's
+//                             do.
 //   findMembersParentMembers  below baseDN, subtree, "(member=<DN>)", names only, for the member
 //                             and then for each group found, each group visited once.
 // Values put into a filter are escaped (RFC 4515), so a user name cannot widen a search.
@@ -103,8 +106,9 @@ public:
     static bool checkIsInternalOnly(const LDAPServerList& servers);
 
     /// The servers of the "/config/authorization/ldapServer" elements of `doc`, in document
-    /// order, at most MAX_LDAP_SERVERS. One element makes a CLDAPServerInternalOnly; with more,
-    /// the internal domain makes a CLDAPServerInternal and any other a CLDAPServerExternal.
+    /// order, at most MAX_LDAP_SERVERS. One element makes a CLDAPServerInternalOnly with the
+    /// domain as written ("LANTERNBAY" when empty); with more, the internal domain makes a
+    /// CLDAPServerInternal and any other a CLDAPServerExternal.
     /// Empty or missing elements keep the defaults; a port that is not a decimal number from 1 to
     /// 65535, or a nonSecure that is not true/false/1/0/yes/no, keeps its default and is traced.
     /// baseDN, securityPrincipal and securityCredentials are taken as written (empty when empty
@@ -223,6 +227,12 @@ public:
     /// container (as readOnlyPrivilegeCNGet()), in the order found. True when an access role was
     /// found; false when not connected, on a failed search, or without a role.
     bool FindPrivilege(const std::string& userDn, std::string& accessRole, std::vector<std::string>& privileges);
+    /// Reads the role group `groupDn` (base scope, the group's own name as filter, attributes
+    /// "member" and "memberOf") and adds what it grants: `accessRole` gets the first role when
+    /// it is still empty, `privileges` each privilege it does not hold yet (compared without
+    /// regard to case). Returns the protocol's result code (0 success, 32 no such group), or -1
+    /// when not connected.
+    int GetPrivileges(const std::string& groupDn, std::string& accessRole, std::vector<std::string>& privileges);
     /// Whether `privileges` (from FindPrivilege) holds the read-only or the read-write group,
     /// compared without regard to case.
     static bool HasReadOnlyPrivilege(const std::vector<std::string>& privileges);

@@ -368,6 +368,28 @@ TEST_F(LdapDirectory, AuditingUserHasReadOnlyAccessThroughMemberValues) {
     EXPECT_FALSE(CLDAPServerInternal::HasReadWritePrivilege(privileges));
 }
 
+TEST_F(LdapDirectory, RoleGroupsAddOnlyWhatIsNotHeldYet) {
+    auto s = Server<CLDAPServerInternal>();
+    std::string role;
+    std::vector<std::string> privileges;
+    EXPECT_EQ(s->GetPrivileges("cn=Auditing,ou=AuthorizationRoles,ou=Tessel,dc=lanternbay,dc=test", role, privileges),
+              -1);
+    ASSERT_TRUE(s->Connect());
+    role = "CN=Kept";
+    privileges = {"cn=accessvolkeep,ou=volkeep"};
+    EXPECT_EQ(s->GetPrivileges("cn=Operations,ou=AuthorizationRoles,ou=Tessel,dc=lanternbay,dc=test", role,
+                               privileges),
+              0);
+    EXPECT_EQ(role, "CN=Kept");
+    ASSERT_EQ(privileges.size(), 2u);
+    EXPECT_TRUE(SameText(privileges[1], CLDAPServerInternal::readWritePrivilegeCNGet())) << privileges[1];
+    EXPECT_EQ(s->GetPrivileges("cn=Lobby,ou=AuthorizationRoles,ou=Tessel,dc=lanternbay,dc=test", role, privileges),
+              32); // no such object
+    // A group that does not carry its own name is not read as a role group.
+    EXPECT_EQ(s->GetPrivileges("cn=Lobby,ou=Departments,ou=Tessel,dc=lanternbay,dc=test", role, privileges), 0);
+    EXPECT_EQ(privileges.size(), 2u);
+}
+
 TEST_F(LdapDirectory, UsersWithoutRoleOrDepartmentHaveNoPrivileges) {
     auto s = Server<CLDAPServerInternal>();
     std::string role = "stale";

@@ -115,6 +115,13 @@ TEST(LdapXmlRead, OneServerBecomesInternalOnlyForItsDomain) {
     EXPECT_EQ(list[0]->GetDomain(), "customer");
     EXPECT_EQ(list[0]->GetServer(), "10.0.0.5");
     EXPECT_TRUE(CLDAPServer::checkIsInternalOnly(list));
+
+    KEL::XML::xml_document bare;
+    Load(bare, ServerXml(""));
+    list = CLDAPServer::ReadFromXML(bare);
+    ASSERT_EQ(list.size(), 1u);
+    EXPECT_TRUE(list[0]->isInternalOnly());
+    EXPECT_EQ(list[0]->GetDomain(), "LANTERNBAY");
 }
 
 TEST(LdapXmlRead, SeveralServersAreSortedByDomainAndTheDomainElementIgnoresCase) {

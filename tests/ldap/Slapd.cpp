@@ -286,8 +286,8 @@ unsigned int FreePort() {
     return port;
 }
 
-bool CSlapd::Run(const std::string& program, const char* const argv[], const std::string& log, int& status,
-                 std::string& why) {
+bool CSlapd::Run(const std::string& program, const char* const argv[], const std::string& log, bool wait,
+                 int& status, std::string& why) {
     // fork and exec rather than posix_spawn: the child asks to be killed when the test program
     // ends, so a test that aborts cannot leave a server behind. Only async-signal-safe calls
     // happen between fork and exec.
@@ -317,11 +317,15 @@ bool CSlapd::Run(const std::string& program, const char* const argv[], const std
         why = "cannot start " + program + ": " + std::strerror(forkError);
         return false;
     }
-    if (status == -2) { // the caller keeps the process running
+    if (!wait) {
         m_nPid = pid;
         return true;
     }
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 127) {
+        why = "cannot run " + program + " (not found or not executable)";
+        return false;
     }
     return true;
 }
@@ -350,8 +354,8 @@ bool CSlapd::Launch(std::string& why) {
     const std::string conf = m_strDir + "/slapd.conf";
     const std::string log = m_strDir + "/slapd.log";
     const char* argv[] = {slapd.c_str(), "-d", "0", "-f", conf.c_str(), "-h", urls.c_str(), nullptr};
-    int status = -2;
-    if (!Run(slapd, argv, log, status, why)) return false;
+    int status = 0;
+    if (!Run(slapd, argv, log, false, status, why)) return false;
 
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while (!(CanConnect(m_uPlainPort) && CanConnect(m_uTlsPort))) {
@@ -392,7 +396,7 @@ bool CSlapd::Start(std::string& why) {
                              "-nodes", "-keyout", key.c_str(), "-out", cert.c_str(), "-days", "2", "-subj",
                              "/CN=localhost", nullptr};
     int status = 0;
-    if (!Run("openssl", openssl, log, status, why)) return false;
+    if (!Run("openssl", openssl, log, true, status, why)) return false;
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
         why = "openssl could not make the test certificate: " + ReadFile(log);
         return false;
@@ -429,7 +433,7 @@ bool CSlapd::Start(std::string& why) {
     const std::string data = m_strDir + "/data.ldif";
     const char* ldapadd[] = {"ldapadd", "-x", "-H", url.c_str(), "-D", "cn=admin,dc=test", "-w", "admin-secret",
                              "-f", data.c_str(), nullptr};
-    if (!Run("ldapadd", ldapadd, log, status, why)) return false;
+    if (!Run("ldapadd", ldapadd, log, true, status, why)) return false;
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
         why = "ldapadd could not load the test directory: " + ReadFile(log);
         return false;

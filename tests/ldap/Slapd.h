@@ -39,7 +39,9 @@ public:
 private:
     bool Launch(std::string& why);
     void KillServer();
-    bool Run(const std::string& program, const char* const argv[], const std::string& log, int& status,
+    /// Runs `program` with its output into `log`; waits for it and gives its `status`, or
+    /// (wait false) keeps it as the server process.
+    bool Run(const std::string& program, const char* const argv[], const std::string& log, bool wait, int& status,
              std::string& why);
 
     std::string m_strDir;
