@@ -1,11 +1,15 @@
 // kel_demo: a short tour of kelbase, the program `make demo` runs.
 //
 // It shows what the library offers so far: strings that grow past their inline buffer, the
-// `%`-directive formatting with alignment and re-ordered fields, and one failing operation read
-// back first as a returned status and then caught as an exception, with the rendered error log.
+// `%`-directive formatting with alignment and re-ordered fields, one failing operation read
+// back first as a returned status and then caught as an exception with the rendered error log,
+// one event text in two languages from two threads, and the trace file all of it went to.
 #include <kel/kelbase.h>
 
+#include <boost/filesystem/operations.hpp>
+
 #include <cstdio>
+#include <vector>
 #include <thread>
 
 using namespace KEL;
@@ -100,13 +104,42 @@ void Languages() {
     Print(line);
 }
 
+// The trace lives beside the program: <program folder>/logs/Demo_<pid>_<n>.log, with its
+// settings in <program folder>/Demo.ini (defaults when there is none).
+void ShowTrace(const Trace::CTrace& trace) {
+    Section(" trace ");
+    TString<512> line;
+    line.Format("trace files in %s:\n") << trace.GetLogDirectory().string();
+    FileSystem::CDirectory files(trace.GetLogDirectory(), "Demo_.*\\.log", 1);
+    std::vector<boost::filesystem::path> names;
+    files.List(names);
+    for (const boost::filesystem::path& file : names)
+        line.Format("  %s (%d bytes)\n") << file.filename().string()
+                                          << static_cast<unsigned long long>(boost::filesystem::file_size(file));
+    std::fputs(line.C_Str(), stdout);
+}
+
 } // namespace
 
 int main() {
+    boost::filesystem::path program;
+    Misc::CKelApplication::GetProcessPath(program);
+    Trace::CTrace trace;
+    if (trace.Open(program.parent_path(), "Demo") != 1) {
+        TString<1024> report;
+        report.Format("The trace could not be opened:\n%s") << Exceptions::ThreadErrorLog();
+        Print(report);
+    }
+    KEL_TRACE(KEL_MODULE_INFO_KelLib, 0x20000000, "main", "kelbase demo started (trace flags 0x%08X)\n")
+        << trace.GetFlags();
+
     Print("kelbase demo");
     Strings_();
     Formatting();
     Failures();
     Languages();
+
+    KEL_TRACE(KEL_MODULE_INFO_KelLib, 0x20000000, "main", "kelbase demo ends\n");
+    ShowTrace(trace);
     return 0;
 }

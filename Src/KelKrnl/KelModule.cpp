@@ -4,6 +4,7 @@
 // compiled-in entry of kelbase's language file: the string with index n is the text of status
 // 0x20010000 + n, and index 98 is the text for a status that has no text of its own.
 #define KEL_SOURCE_FILE "Src/KelKrnl"
+#include <kel/Exceptions.h> // declares KEL_MODULE_INFO_KelLib as exported
 #include <kel/LanguageSupport.h>
 #include <kel/Misc.h>
 
