@@ -437,7 +437,7 @@ private:
 class KEL_API CWaitInterval {
 public:
     explicit CWaitInterval(unsigned int interval) noexcept;
-    /// The time left: 0 once the interval has passed (0xFFFFFFFF stays for ever).
+    /// The time left: 0 once the interval has passed, else the interval minus the elapsed time.
     operator unsigned int() const noexcept;
     void Restart() noexcept;
     void Restart(unsigned int interval) noexcept;
