@@ -41,7 +41,7 @@ private:
 };
 
 struct Argument {
-    enum Kind { Int, Short, Long, ULong, UInt, Small, CText, View, StdString, Pointer, Dump, Plain } kind;
+    enum Kind { Int, Short, Long, ULong, UInt, Small, CText, View, StdString, Pointer, Dump, Plain, Fields } kind;
     uint64_t number = 0;
     std::string text;
 };
@@ -49,7 +49,7 @@ struct Argument {
 std::vector<Argument> ReadArguments(CReader& in) {
     std::vector<Argument> args;
     while (in.More() && args.size() < 256) {
-        Argument a{static_cast<Argument::Kind>(in.Byte() % 12)};
+        Argument a{static_cast<Argument::Kind>(in.Byte() % 13)};
         switch (a.kind) {
         case Argument::Int:
         case Argument::UInt: a.number = in.Bytes(4); break;
@@ -65,6 +65,9 @@ std::vector<Argument> ReadArguments(CReader& in) {
     return args;
 }
 
+// Fields put in the input's order as one argument (a bad order text raises 0x2001001B).
+KEL::Output_Streams::CFormatResortBuffer* g_pFields = nullptr;
+
 void Feed(KEL::Output_Streams::CFormatStream& s, const Argument& a) {
     switch (a.kind) {
     case Argument::Int: s << static_cast<int>(static_cast<uint32_t>(a.number)); break;
@@ -79,6 +82,7 @@ void Feed(KEL::Output_Streams::CFormatStream& s, const Argument& a) {
     case Argument::Pointer: s << reinterpret_cast<const void*>(static_cast<uintptr_t>(a.number)); break;
     case Argument::Dump: s.HexDump(reinterpret_cast<const unsigned char*>(a.text.data()), a.text.size()); break;
     case Argument::Plain: s >> a.text.c_str(); break;
+    case Argument::Fields: s << *g_pFields; break;
     }
 }
 
@@ -112,6 +116,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     CReader in(nul ? nul + 1 : data + size, nul ? size - formatLength - 1 : 0);
     std::string order = in.Text();
     std::vector<Argument> args = ReadArguments(in);
+
+    KEL::Output_Streams::CFormatResortBuffer fields;
+    fields.Format("%-.4s|%05d|%s", order.c_str()) << "ab" << 42 << "tail";
+    g_pFields = &fields;
 
     KEL::Strings::CStringVar text;
     unsigned int textStatus =

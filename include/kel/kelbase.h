@@ -15,3 +15,10 @@
 #include <kel/Threading.h>
 #include <kel/Xml.h>
 #include <kel/CodeTables.h>
+#include <kel/IniFiles.h>
+#include <kel/FileSystem.h>
+#include <kel/Json.h>
+#include <kel/Ssl.h>
+#include <kel/Crypt.h>
+#include <kel/Cas.h>
+#include <kel/Ldap.h>
