@@ -78,15 +78,12 @@ public:
     ~CEventCB() override;
     /// 0x20010038 when already initialised.
     unsigned int Init(bool manualReset, bool initialState);
-    /// Shares the dispatcher object `handle` (from CWaitCB::GetHandle of a live block) with the
-    /// block that owns it, which this block keeps alive.
+    /// Shares the dispatcher object `handle` (from CWaitCB::GetHandle of a live block): both
+    /// blocks hold a reference on it.
     unsigned int Init(void* handle);
     /// 0x20010018 without object.
     unsigned int Set();
     unsigned int Reset();
-
-private:
-    CWaitCB* m_pShared = nullptr;
 };
 
 class KEL_API CMutexCB : public CWaitCB {
@@ -440,7 +437,7 @@ private:
 class KEL_API CWaitInterval {
 public:
     explicit CWaitInterval(unsigned int interval) noexcept;
-    /// The time left: 0 once the interval has passed (0xFFFFFFFF stays for ever).
+    /// The time left: 0 once the interval has passed, else the interval minus the elapsed time.
     operator unsigned int() const noexcept;
     void Restart() noexcept;
     void Restart(unsigned int interval) noexcept;
