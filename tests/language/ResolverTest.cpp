@@ -25,7 +25,8 @@ const char* const kNoInformation = "?: There is no information available!";
 
 // The project's German file: NLS/de.xml two folders above this source.
 std::string ProjectGermanFile() {
-    return (boost::filesystem::path(__FILE__).parent_path().parent_path().parent_path() / "NLS" / "de.xml").string();
+    return (boost::filesystem::path(__FILE__).parent_path().parent_path().parent_path() / "NLS" / "de.xml")
+        .string();
 }
 
 class CNlsBesideProgram : public ::testing::Environment {
@@ -69,8 +70,12 @@ TEST_F(Resolver, ThreadLanguageChoosesTheTranslation) {
 
 TEST_F(Resolver, TranslationsTurnBackslashNIntoALineBreakAndDecodeEntities) {
     KEL::Threading::CCurrentThread().SetLngId(kDe);
-    EXPECT_EQ("Das System muss neu gestartet werden,\num den Vorgang abzuschlie\xC3\x9F" "en", Resolve(35548));
-    EXPECT_EQ("Die vorhandene Datei \"\xC3\xBC" "berschreiben\"?", Resolve(35691));
+    EXPECT_EQ("Das System muss neu gestartet werden,\num den Vorgang abzuschlie\xC3\x9F"
+              "en",
+              Resolve(35548));
+    EXPECT_EQ("Die vorhandene Datei \"\xC3\xBC"
+              "berschreiben\"?",
+              Resolve(35691));
 }
 
 TEST_F(Resolver, PseudoObjectIsNeverTranslated) {
@@ -88,8 +93,8 @@ TEST_F(Resolver, MissingLabelGivesTheNoInformationTextAndATraceLine) {
     KEL::Threading::CCurrentThread thread;
     EXPECT_EQ(kNoInformation, Resolve(99999));
     char expected[128];
-    std::snprintf(expected, sizeof(expected), "NLS-Thread-ID=0x%x Language=en Label-ID=99999\t??? not found ???",
-                  thread.GetThreadID());
+    std::snprintf(expected, sizeof(expected),
+                  "NLS-Thread-ID=0x%x Language=en Label-ID=99999\t??? not found ???", thread.GetThreadID());
     EXPECT_EQ(1u, trace.Count(expected)) << (trace.All().empty() ? "" : trace.All().back());
 
     thread.SetLngId(kDe);
@@ -207,16 +212,20 @@ TEST(ResolverLoad, ManyThreadsResolvingANewLanguageLoadItOnce) {
     for (int i = 0; i < kThreads; ++i) {
         threads.emplace_back([&, i] {
             ++ready;
-            while (!go.load()) std::this_thread::yield();
+            while (!go.load())
+                std::this_thread::yield();
             size_t length = 0;
             const char* text = languages.Resolve(35600, kDe, length);
             results[i].assign(text, length);
         });
     }
-    while (ready.load() != kThreads) std::this_thread::yield();
+    while (ready.load() != kThreads)
+        std::this_thread::yield();
     go = true;
-    for (std::thread& t : threads) t.join();
-    for (const std::string& r : results) EXPECT_EQ("Ung\xC3\xBCltige Eingabe", r);
+    for (std::thread& t : threads)
+        t.join();
+    for (const std::string& r : results)
+        EXPECT_EQ("Ung\xC3\xBCltige Eingabe", r);
     EXPECT_EQ(1u, trace.Count("NLS: Loading language: de"));
     EXPECT_TRUE(languages[1].IsLoaded());
 }
