@@ -264,8 +264,9 @@ CLanguageStrg::CLanguageStrg(LNGDATA& entry, size_t stringIndex) noexcept
         m_pText = entry.strings[stringIndex];
 }
 
-void CLanguageStrg::UTF8ToChar(Strings::CStringVar& out, unsigned int) const {
-    if (!m_uUtf8) {
+void CLanguageStrg::UTF8ToChar(Strings::CStringVar& out, unsigned int codePage) const {
+    constexpr unsigned int CodePage_Utf8 = 65001;
+    if (!m_uUtf8 || codePage == CodePage_Utf8) {
         out = m_pText;
         return;
     }

@@ -352,6 +352,16 @@ TEST(LanguageStrg, Utf8TextIsConvertedToLatin1AndOtherTextIsCopied) {
                  "e",
                  out.C_Str());
     EXPECT_EQ(0u, CLanguageStrg(latin1.GetDefaultLngData(), 1).IsUTF8());
+    // Asked for UTF-8, the bytes stay as stored.
+    CLanguageStrg(utf8.GetDefaultLngData(), 0).UTF8ToChar(out, 65001);
+    EXPECT_STREQ("Gr\xC3\xBC\xC3\x9F"
+                 "e",
+                 out.C_Str());
+    // Not UTF-8 at all: shown as stored rather than lost.
+    const char* const broken[] = {"Gr\xC3"};
+    CLngFile bad("b.nls", Default_Language_ID, "English", 1, broken, 1);
+    CLanguageStrg(bad.GetDefaultLngData(), 0).UTF8ToChar(out);
+    EXPECT_STREQ("Gr\xC3", out.C_Str());
 }
 
 } // namespace
