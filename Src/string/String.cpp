@@ -109,12 +109,22 @@ void CStringVar::Alloc(size_t n) {
         // Foreign text: continue from the empty inline buffer and bring the text along.
         const char* foreign = m_pData;
         size_t length = m_nLength;
+        size_t inlineCap = StoredInlineCapacity();
+        if (length > kAbsurdRequest || n > kAbsurdRequest - length) RaiseOutOfMemory(~size_t(0));
         m_pData = m_inline;
-        m_nCapacity = StoredInlineCapacity();
+        m_nCapacity = inlineCap;
         m_nLength = 0;
         m_inline[0] = '\0';
-        if (length > kAbsurdRequest || n > kAbsurdRequest - length) RaiseOutOfMemory(~size_t(0));
-        Alloc(length + n);
+        try {
+            Alloc(length + n);
+        } catch (...) {
+            // Still the foreign text, as before the call.
+            StoreInlineCapacity(inlineCap);
+            m_pData = foreign;
+            m_nLength = length;
+            m_nCapacity = 0;
+            throw;
+        }
         std::memcpy(WData(), foreign, length);
         WData()[length] = '\0';
         m_nLength = length;

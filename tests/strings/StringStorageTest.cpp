@@ -318,6 +318,17 @@ TEST(StringOutOfMemory, GrowingWindowRaisesAndLeavesTheParentAlone) {
     EXPECT_STREQ(s.C_Str(), "abc");
 }
 
+TEST(StringOutOfMemory, ForeignTextStaysForeignWhenItsCopyCannotBeMade) {
+    static const char text[] = "not ours";
+    ForeignText f(text);
+    EXPECT_EQ(RaisedStatus([&] { f.Lock(size_t(1) << 60); }), 0x2001000Fu);
+    EXPECT_EQ(f.data(), text);
+    EXPECT_EQ(f.Capacity(), 0u);
+    f += '!'; // the inline capacity noted for it is intact
+    EXPECT_STREQ(f.C_Str(), "not ours!");
+    EXPECT_EQ(f.Capacity(), 15u);
+}
+
 TEST(StringOutOfMemory, RequestsThatWouldOverflowTheSizeArithmeticAreRefused) {
     CStringVar s("0123456789");
     EXPECT_EQ(RaisedStatus([&] { s.Lock(~size_t(0)); }), 0x2001000Fu);
