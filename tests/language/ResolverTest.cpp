@@ -13,6 +13,8 @@
 #include <cstdio>
 #include <thread>
 
+#include <unistd.h>
+
 using KEL::Language_Support::CLanguageSupport;
 using KEL::Language_Support::CXMLLanguages;
 using KEL::Language_Support::MakeLanguageID;
@@ -31,13 +33,17 @@ std::string ProjectGermanFile() {
 
 class CNlsBesideProgram : public ::testing::Environment {
 public:
+    // CTest runs each test as a process of its own, several at once: the file is copied under a
+    // name of this process and renamed into place, so a reader sees a whole file or none.
     void SetUp() override {
         boost::filesystem::path program;
         ASSERT_EQ(1u, KEL::Misc::CKelApplication::GetProcessPath(program));
         boost::filesystem::path folder = program.parent_path() / "NLS";
         boost::filesystem::create_directories(folder);
-        boost::filesystem::copy_file(ProjectGermanFile(), folder / "de.xml",
+        boost::filesystem::path staging = folder / ("de.xml." + std::to_string(::getpid()));
+        boost::filesystem::copy_file(ProjectGermanFile(), staging,
                                      boost::filesystem::copy_option::overwrite_if_exists);
+        boost::filesystem::rename(staging, folder / "de.xml");
     }
 };
 const ::testing::Environment* const s_Nls = ::testing::AddGlobalTestEnvironment(new CNlsBesideProgram);
