@@ -49,7 +49,8 @@ const std::unordered_map<unsigned int, std::string>& PeerTable() {
     static const std::unordered_map<unsigned int, std::string> table = [] {
         std::unordered_map<unsigned int, std::string> t;
         const KEL::Language_Support::NLS_DEFAULT* d = CLanguageSupport::GetDefaults();
-        for (size_t i = 0; i < CLanguageSupport::Label_Count; ++i) t.emplace(d[i].id, d[i].text);
+        for (size_t i = 0; i < CLanguageSupport::Label_Count; ++i)
+            t.emplace(d[i].id, d[i].text);
         return t;
     }();
     return table;
@@ -77,7 +78,8 @@ BENCHMARK(BM_PeerUnorderedMap);
 struct BackgroundThread {
     std::atomic<bool> stop{false};
     std::thread t{[this] {
-        while (!stop.load()) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        while (!stop.load())
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }};
     ~BackgroundThread() {
         stop = true;

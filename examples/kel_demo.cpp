@@ -100,7 +100,8 @@ void Languages() {
     de.join();
     en.join();
     TString<256> line;
-    line.Format("event %d, English thread: %s\nevent %d, German thread:  %s") << event << english << event << german;
+    line.Format("event %d, English thread: %s\nevent %d, German thread:  %s")
+        << event << english << event << german;
     Print(line);
 }
 

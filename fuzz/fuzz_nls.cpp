@@ -47,7 +47,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // keeps the string tables of the fuzzed entries small.
     unsigned long long count = 3;
     if (size >= 8) {
-        unsigned long long stated = data[4] | (data[5] << 8) | (data[6] << 16) | (static_cast<unsigned long long>(data[7]) << 24);
+        unsigned long long stated =
+            data[4] | (data[5] << 8) | (data[6] << 16) | (static_cast<unsigned long long>(data[7]) << 24);
         if (stated <= 4096 && (data[size - 1] & 0x80) == 0) count = stated;
     }
     CFuzzFile file(count);
@@ -60,7 +61,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             }
             const KEL::Language_Support::LNGDATA& e = file.Entry(i);
             size_t total = 0;
-            for (unsigned long long k = 0; k < count; ++k) total += std::strlen(e.strings[k]) + 1;
+            for (unsigned long long k = 0; k < count; ++k)
+                total += std::strlen(e.strings[k]) + 1;
             if (total != e.size) std::abort(); // the strings must fill the block exactly
         }
     }

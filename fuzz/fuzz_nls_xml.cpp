@@ -17,8 +17,8 @@ namespace {
 
 const boost::filesystem::path& Folder() {
     static const boost::filesystem::path folder = [] {
-        boost::filesystem::path p =
-            boost::filesystem::unique_path(boost::filesystem::temp_directory_path() / "kel-fuzz-xml-%%%%-%%%%");
+        boost::filesystem::path p = boost::filesystem::unique_path(boost::filesystem::temp_directory_path() /
+                                                                   "kel-fuzz-xml-%%%%-%%%%");
         boost::filesystem::create_directories(p);
         // Trace points on: the trace lines of bad files are formatted too (and then dropped).
         KEL::KEL_MODULE_INFO_KelLib.SetTrcPoints(0x40000000u);

@@ -70,8 +70,8 @@ private:
 
 } // namespace
 
-CLngFile::CLngFile(const char* fileName, unsigned int languageId, const char* languageName, unsigned int isUtf8,
-                   const char* const* strings, unsigned long long stringCount)
+CLngFile::CLngFile(const char* fileName, unsigned int languageId, const char* languageName,
+                   unsigned int isUtf8, const char* const* strings, unsigned long long stringCount)
     : m_FileName(fileName ? fileName : ""), m_nStrings(stringCount), m_pEntries(&m_Default) {
     m_Default.languageId = languageId;
     m_Default.isUtf8 = isUtf8;
@@ -84,11 +84,14 @@ CLngFile::CLngFile(const char* fileName, unsigned int languageId, const char* la
     }
 }
 
-CLngFile::~CLngFile() { Release(); }
+CLngFile::~CLngFile() {
+    Release();
+}
 
 void CLngFile::Release() noexcept {
     if (m_pEntries != &m_Default) {
-        for (size_t i = 1; i < m_nEntries; ++i) FreeStrings(m_pEntries[i]);
+        for (size_t i = 1; i < m_nEntries; ++i)
+            FreeStrings(m_pEntries[i]);
         delete[] m_pEntries;
         m_pEntries = &m_Default;
         m_nEntries = 1;
@@ -104,7 +107,8 @@ unsigned int CLngFile::Open(const char* path) {
     if (!file) return 0; // not there: not found, nothing to report
     LNGDATA* entries = nullptr;
     try {
-        if (std::fseek(file, 0, SEEK_END) != 0) KEL_RAISE_NATIVE(Status_Corrupt, Functions::GetOsError(), "Corrupt language file %s", path);
+        if (std::fseek(file, 0, SEEK_END) != 0)
+            KEL_RAISE_NATIVE(Status_Corrupt, Functions::GetOsError(), "Corrupt language file %s", path);
         long end = std::ftell(file);
         if (end < 0 || std::fseek(file, 0, SEEK_SET) != 0)
             KEL_RAISE_NATIVE(Status_Corrupt, Functions::GetOsError(), "Corrupt language file %s", path);
@@ -115,16 +119,19 @@ unsigned int CLngFile::Open(const char* path) {
             KEL_RAISE(Status_Corrupt, "Language file %s: header truncated", path);
         if (ReadLE32(header) != Nls_Magic) KEL_RAISE(Status_Corrupt, "Language file %s: bad magic", path);
         if (ReadLE32(header + 4) != m_nStrings)
-            KEL_RAISE(Status_Corrupt, "Language file %s: %d strings instead of %d", path, ReadLE32(header + 4),
-                      static_cast<unsigned int>(m_nStrings));
+            KEL_RAISE(Status_Corrupt, "Language file %s: %d strings instead of %d", path,
+                      ReadLE32(header + 4), static_cast<unsigned int>(m_nStrings));
         unsigned long long count = ReadLE32(header + 8);
         unsigned long long expected = Header_Size + Entry_Header_Size * count;
         // Checked before allocating: a huge N in a small file is corruption, not a memory shortage.
         if (expected > fileSize)
-            KEL_RAISE(Status_Corrupt, "Language file %s: %d entries do not fit", path, static_cast<unsigned int>(count));
+            KEL_RAISE(Status_Corrupt, "Language file %s: %d entries do not fit", path,
+                      static_cast<unsigned int>(count));
 
         entries = new (std::nothrow) LNGDATA[count + 1];
-        if (!entries) KEL_RAISE(Status_Memory, "Out of memory for %d language entries", static_cast<unsigned int>(count));
+        if (!entries)
+            KEL_RAISE(Status_Memory, "Out of memory for %d language entries",
+                      static_cast<unsigned int>(count));
         entries[0] = m_Default;
         for (unsigned long long i = 1; i <= count; ++i) {
             unsigned char raw[Entry_Header_Size];
@@ -149,6 +156,7 @@ unsigned int CLngFile::Open(const char* path) {
             KEL_RAISE(Status_Corrupt, "Language file %s: size %d instead of %d", path,
                       static_cast<unsigned int>(fileSize), static_cast<unsigned int>(expected));
 
+        Release(); // a file opened before gives way to this one
         m_pEntries = entries;
         m_nEntries = static_cast<size_t>(count + 1);
         m_pFile = file;
@@ -249,13 +257,16 @@ LNGDATA& CLngFile::GetLngData() {
     return m_Default;
 }
 
-CLanguageStrg::CLanguageStrg(LNGDATA& entry, size_t stringIndex) noexcept : m_pText(""), m_uUtf8(entry.isUtf8) {
+CLanguageStrg::CLanguageStrg(LNGDATA& entry, size_t stringIndex) noexcept
+    : m_pText(""), m_uUtf8(entry.isUtf8) {
     unsigned long long count = entry.file ? entry.file->GetStringCount() : 0;
-    if (entry.strings && stringIndex < count && entry.strings[stringIndex]) m_pText = entry.strings[stringIndex];
+    if (entry.strings && stringIndex < count && entry.strings[stringIndex])
+        m_pText = entry.strings[stringIndex];
 }
 
-void CLanguageStrg::UTF8ToChar(Strings::CStringVar& out, unsigned int) const {
-    if (!m_uUtf8) {
+void CLanguageStrg::UTF8ToChar(Strings::CStringVar& out, unsigned int codePage) const {
+    constexpr unsigned int CodePage_Utf8 = 65001;
+    if (!m_uUtf8 || codePage == CodePage_Utf8) {
         out = m_pText;
         return;
     }

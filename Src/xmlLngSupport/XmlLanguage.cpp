@@ -25,22 +25,30 @@ using Language_Support::NLS_DEFAULT;
 const NLS_DEFAULT s_nlsDefaults[] = {
 #include "xmlLngSupport/NlsDefaults.inc"
 };
-static_assert(sizeof(s_nlsDefaults) / sizeof(s_nlsDefaults[0]) == Language_Support::CLanguageSupport::Label_Count,
+static_assert(sizeof(s_nlsDefaults) / sizeof(s_nlsDefaults[0]) ==
+                  Language_Support::CLanguageSupport::Label_Count,
               "the built-in table holds every label once");
 
 constexpr unsigned int Trace_Nls = 0x40000000u;
 const char* const s_pszNoInformation = "?: There is no information available!";
 
-inline int FirstLetter(unsigned int languageId) noexcept { return static_cast<int>((languageId >> 8) & 0xFF); }
-inline int SecondLetter(unsigned int languageId) noexcept { return static_cast<int>(languageId & 0xFF); }
+inline int FirstLetter(unsigned int languageId) noexcept {
+    return static_cast<int>((languageId >> 8) & 0xFF);
+}
+inline int SecondLetter(unsigned int languageId) noexcept {
+    return static_cast<int>(languageId & 0xFF);
+}
 
-inline bool IsAsciiLetter(char c) noexcept { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+inline bool IsAsciiLetter(char c) noexcept {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
 
 } // namespace
 
 void SortDefaults(const NLS_DEFAULT* table, size_t count, CSortedDefaults& out) {
     std::vector<uint16_t> order(count);
-    for (size_t i = 0; i < count; ++i) order[i] = static_cast<uint16_t>(i);
+    for (size_t i = 0; i < count; ++i)
+        order[i] = static_cast<uint16_t>(i);
     // Stable, so that the two deliberate pairs of equal ids always come out in key order.
     std::stable_sort(order.begin(), order.end(),
                      [table](uint16_t a, uint16_t b) { return table[a].id < table[b].id; });
@@ -54,7 +62,8 @@ void SortDefaults(const NLS_DEFAULT* table, size_t count, CSortedDefaults& out) 
     }
     for (size_t i = 1; i < count; ++i) {
         if (out.m_Labels[i].id <= out.m_Labels[i - 1].id) {
-            KEL_TRACE(KEL_MODULE_INFO_KelLib, Trace_Nls, "KEL::Language_Support::CLanguageSupport::BuildDefaults",
+            KEL_TRACE(KEL_MODULE_INFO_KelLib, Trace_Nls,
+                      "KEL::Language_Support::CLanguageSupport::BuildDefaults",
                       "nlsDefaults cannot be sorted by ID's");
         }
     }
@@ -87,7 +96,8 @@ long FindDefaultKey(const char* key, size_t length) noexcept {
 }
 
 bool IsLanguageFileName(const std::string& name) noexcept {
-    return name.size() == 6 && IsAsciiLetter(name[0]) && IsAsciiLetter(name[1]) && name.compare(2, 4, ".xml") == 0;
+    return name.size() == 6 && IsAsciiLetter(name[0]) && IsAsciiLetter(name[1]) &&
+           name.compare(2, 4, ".xml") == 0;
 }
 
 } // namespace Internals
@@ -115,7 +125,8 @@ unsigned int CXMLLanguage::SetLanguageInfo(const std::string& filePath) {
     }
     XML::xml_attribute id = locale.attribute("LANGUAGEID");
     const char* letters = id.value();
-    if (!id || !Internals::IsAsciiLetter(letters[0]) || !Internals::IsAsciiLetter(letters[1]) || letters[2] != '\0') {
+    if (!id || !Internals::IsAsciiLetter(letters[0]) || !Internals::IsAsciiLetter(letters[1]) ||
+        letters[2] != '\0') {
         KEL_TRACE(KEL_MODULE_INFO_KelLib, Trace_Nls, fn, "LANGUAGEID not found %s") << filePath;
         return 0;
     }
@@ -228,7 +239,8 @@ void CXMLLanguages::Build(const boost::filesystem::path& nlsFolder) {
     std::vector<std::string> files;
     boost::system::error_code ec;
     if (boost::filesystem::is_directory(nlsFolder, ec)) {
-        for (boost::filesystem::directory_iterator it(nlsFolder, ec), end; !ec && it != end; it.increment(ec)) {
+        for (boost::filesystem::directory_iterator it(nlsFolder, ec), end; !ec && it != end;
+             it.increment(ec)) {
             std::string name = it->path().filename().string();
             if (Internals::IsLanguageFileName(name)) files.push_back((nlsFolder / name).string());
         }
@@ -243,7 +255,8 @@ void CXMLLanguages::Build(const boost::filesystem::path& nlsFolder) {
         if (!language->SetLanguageInfo(file)) continue;
         KEL_TRACE(KEL_MODULE_INFO_KelLib, Trace_Nls, "KEL::Language_Support::CXMLLanguages::Build",
                   "NLS: found: %c%c")
-            << Internals::FirstLetter(language->m_uLanguageId) << Internals::SecondLetter(language->m_uLanguageId);
+            << Internals::FirstLetter(language->m_uLanguageId)
+            << Internals::SecondLetter(language->m_uLanguageId);
         records.push_back(std::move(language));
     }
     m_Records.swap(records);
@@ -266,8 +279,8 @@ const char* CXMLLanguages::Resolve(unsigned int labelId, unsigned int languageId
         Threading::CCurrentThread thread;
         KEL_TRACE(KEL_MODULE_INFO_KelLib, Trace_Nls, "KEL::Language_Support::CLanguageSupport::ResolveString",
                   "NLS-Thread-ID=0x%x Language=%c%c Label-ID=%d\t??? not found ???")
-            << thread.GetThreadID() << Internals::FirstLetter(languageId) << Internals::SecondLetter(languageId)
-            << labelId;
+            << thread.GetThreadID() << Internals::FirstLetter(languageId)
+            << Internals::SecondLetter(languageId) << labelId;
     }
     length = std::strlen(Internals::s_pszNoInformation);
     return Internals::s_pszNoInformation;
@@ -286,7 +299,9 @@ CXMLLanguages& CLanguageSupport::Languages() {
     return s_Languages;
 }
 
-const NLS_DEFAULT* CLanguageSupport::GetDefaults() noexcept { return Internals::s_nlsDefaults; }
+const NLS_DEFAULT* CLanguageSupport::GetDefaults() noexcept {
+    return Internals::s_nlsDefaults;
+}
 
 namespace {
 // The language a label is resolved in: English when asked for, or when the thread has none.
@@ -308,7 +323,8 @@ void CLanguageSupport::ResolveString(unsigned int labelId, std::string& text, bo
     }
 }
 
-void CLanguageSupport::ResolveString(unsigned int labelId, Strings::CStringVar& text, bool useDefaultLanguage) {
+void CLanguageSupport::ResolveString(unsigned int labelId, Strings::CStringVar& text,
+                                     bool useDefaultLanguage) {
     try {
         size_t length = 0;
         const char* p = Languages().Resolve(labelId, ResolveLanguage(useDefaultLanguage), length);
@@ -324,7 +340,8 @@ unsigned int CLanguageSupport::GetLanguageID(unsigned int& index) {
     return languages[index].m_uLanguageId;
 }
 
-unsigned int CLanguageSupport::GetImagePath(unsigned int index, std::string& imagePath, std::string& languageName) {
+unsigned int CLanguageSupport::GetImagePath(unsigned int index, std::string& imagePath,
+                                            std::string& languageName) {
     CXMLLanguages& languages = Languages();
     if (index >= languages.size()) return 0;
     imagePath = languages[index].m_ImagePath;

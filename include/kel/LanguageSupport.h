@@ -105,8 +105,9 @@ public:
     const char* Native() const noexcept { return m_pText; }
     operator const char*() const noexcept { return m_pText; }
     unsigned int IsUTF8() const noexcept { return m_uUtf8; }
-    /// The string in the local single-byte code page (Latin-1; 0 and 28591 both mean it):
-    /// UTF-8 strings are converted, others copied.
+    /// The string in the code page `codePage`: 65001 (UTF-8) copies the bytes as they are;
+    /// any other value means the local single-byte code page, Latin-1 (0 and 28591 name it),
+    /// into which UTF-8 strings are converted and others copied.
     void UTF8ToChar(Strings::CStringVar& out, unsigned int codePage = 0) const;
 
 private:

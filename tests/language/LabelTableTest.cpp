@@ -47,13 +47,15 @@ std::string Readable(std::string_view name) {
 
 TEST(LabelTable, KeysAreUniqueAndInByteOrder) {
     const NLS_DEFAULT* t = CLanguageSupport::GetDefaults();
-    for (size_t i = 1; i < kLabels; ++i) EXPECT_LT(std::strcmp(t[i - 1].key, t[i].key), 0) << t[i].key;
+    for (size_t i = 1; i < kLabels; ++i)
+        EXPECT_LT(std::strcmp(t[i - 1].key, t[i].key), 0) << t[i].key;
 }
 
 TEST(LabelTable, OnlyTheTwoDeliberatePairsShareAnId) {
     const NLS_DEFAULT* t = CLanguageSupport::GetDefaults();
     std::map<unsigned int, int> uses;
-    for (size_t i = 0; i < kLabels; ++i) ++uses[t[i].id];
+    for (size_t i = 0; i < kLabels; ++i)
+        ++uses[t[i].id];
     std::set<unsigned int> shared;
     for (const auto& u : uses) {
         if (u.second > 1) {
@@ -71,24 +73,52 @@ TEST(LabelTable, FamiliesHaveTheirCountsAndRanges) {
         unsigned int low, high;
     };
     const FAMILY families[] = {
-        {"EVT", 1374, 1, 12325},         {"VAL", 666, 40000, 40664},      {"PROP", 556, 30000, 2147483647u},
-        {"ERR", 170, 20000, 20174},      {"OP", 161, 50000, 50161},       {"CONFIRM", 134, 22000, 22133},
-        {"FRMHDR", 63, 35613, 35766},    {"OBJ", 53, 19000, 2147483647u}, {"TITLE", 52, 35000, 50500},
-        {"TASK", 50, 35701, 35750},      {"HEADING", 30, 35100, 35129},   {"UNITS", 29, 21000, 21028},
-        {"CRWIZ", 27, 35567, 35593},     {"RSC", 19, 35517, 35535},       {"DLG", 13, 35550, 35562},
-        {"DLGEXEC", 12, 35678, 35689},   {"Login", 12, 35500, 35516},     {"EVTHDR", 6, 35594, 35699},
-        {"GRPHDR", 6, 35594, 35699},     {"MNU", 6, 35594, 35699},        {"TABHDR", 6, 35594, 35699},
-        {"HTTP", 5, 35510, 35769},       {"WRN", 5, 35600, 35604},        {"ACTIONERR", 4, 35200, 35699},
-        {"DLGTITLE", 4, 35200, 35699},   {"EVTTYPE", 4, 35200, 35699},    {"QUERY", 4, 35200, 35699},
-        {"ABOUT", 3, 35509, 35756},      {"PLEASEWAIT", 3, 35509, 35756}, {"PROPHDR", 3, 35509, 35756},
-        {"REBOOTREQUIRED", 3, 35509, 35756}, {"TXT", 3, 35509, 35756},   {"NOTSUPPORTED", 2, 35539, 35753},
-        {"PROPTXT", 2, 35539, 35753},    {"REQWRTACCESS", 2, 35539, 35753}, {"BST", 1, 35508, 35751},
-        {"DLGHDR", 1, 35508, 35751},     {"EVTDATA", 1, 35508, 35751},    {"ServiceShutdown", 1, 35508, 35751},
-        {"TOOLTIP", 1, 35508, 35751},    {"PSEUDO", 2, 19998, 19999},
+        {"EVT", 1374, 1, 12325},
+        {"VAL", 666, 40000, 40664},
+        {"PROP", 556, 30000, 2147483647u},
+        {"ERR", 170, 20000, 20174},
+        {"OP", 161, 50000, 50161},
+        {"CONFIRM", 134, 22000, 22133},
+        {"FRMHDR", 63, 35613, 35766},
+        {"OBJ", 53, 19000, 2147483647u},
+        {"TITLE", 52, 35000, 50500},
+        {"TASK", 50, 35701, 35750},
+        {"HEADING", 30, 35100, 35129},
+        {"UNITS", 29, 21000, 21028},
+        {"CRWIZ", 27, 35567, 35593},
+        {"RSC", 19, 35517, 35535},
+        {"DLG", 13, 35550, 35562},
+        {"DLGEXEC", 12, 35678, 35689},
+        {"Login", 12, 35500, 35516},
+        {"EVTHDR", 6, 35594, 35699},
+        {"GRPHDR", 6, 35594, 35699},
+        {"MNU", 6, 35594, 35699},
+        {"TABHDR", 6, 35594, 35699},
+        {"HTTP", 5, 35510, 35769},
+        {"WRN", 5, 35600, 35604},
+        {"ACTIONERR", 4, 35200, 35699},
+        {"DLGTITLE", 4, 35200, 35699},
+        {"EVTTYPE", 4, 35200, 35699},
+        {"QUERY", 4, 35200, 35699},
+        {"ABOUT", 3, 35509, 35756},
+        {"PLEASEWAIT", 3, 35509, 35756},
+        {"PROPHDR", 3, 35509, 35756},
+        {"REBOOTREQUIRED", 3, 35509, 35756},
+        {"TXT", 3, 35509, 35756},
+        {"NOTSUPPORTED", 2, 35539, 35753},
+        {"PROPTXT", 2, 35539, 35753},
+        {"REQWRTACCESS", 2, 35539, 35753},
+        {"BST", 1, 35508, 35751},
+        {"DLGHDR", 1, 35508, 35751},
+        {"EVTDATA", 1, 35508, 35751},
+        {"ServiceShutdown", 1, 35508, 35751},
+        {"TOOLTIP", 1, 35508, 35751},
+        {"PSEUDO", 2, 19998, 19999},
     };
     std::map<std::string, std::vector<unsigned int>> ids;
     const NLS_DEFAULT* t = CLanguageSupport::GetDefaults();
-    for (size_t i = 0; i < kLabels; ++i) ids[Family(t[i].key)].push_back(t[i].id);
+    for (size_t i = 0; i < kLabels; ++i)
+        ids[Family(t[i].key)].push_back(t[i].id);
     size_t total = 0;
     for (const FAMILY& f : families) {
         const std::vector<unsigned int>& v = ids[f.prefix];
@@ -171,7 +201,8 @@ TEST(LabelTable, CodeTableFamiliesFollowTheCodeTables) {
     ExpectFamilyFollows(KEL::LayoutCodeNames, "PROP", 30000, 34999, {}, true);
     // Every event code has its label; only the suite's own service events (6-38) come on top.
     size_t events = 0;
-    for (const KEL::CODE_NAME& row : KEL::EventCodeNames) events += row.first >= 1 ? 1 : 0;
+    for (const KEL::CODE_NAME& row : KEL::EventCodeNames)
+        events += row.first >= 1 ? 1 : 0;
     EXPECT_EQ(1374u - 33u, events);
 }
 
@@ -181,7 +212,8 @@ TEST(LabelTable, SortingTracesEachIdThatIsNotAboveItsPredecessor) {
     KEL::Internals::SortDefaults(CLanguageSupport::GetDefaults(), kLabels, sorted);
     EXPECT_EQ(2u, trace.Count("nlsDefaults cannot be sorted by ID's"));
     ASSERT_EQ(kLabels, sorted.m_Labels.size());
-    for (size_t i = 1; i < kLabels; ++i) ASSERT_LE(sorted.m_Labels[i - 1].id, sorted.m_Labels[i].id);
+    for (size_t i = 1; i < kLabels; ++i)
+        ASSERT_LE(sorted.m_Labels[i - 1].id, sorted.m_Labels[i].id);
     // Each key finds its own record in the sorted table.
     for (size_t k = 0; k < kLabels; ++k)
         ASSERT_STREQ(CLanguageSupport::GetDefaults()[k].key, sorted.m_Labels[sorted.m_PosOfKey[k]].key);

@@ -96,7 +96,8 @@ private:
 };
 
 inline void PutLE32(std::string& out, unsigned int v) {
-    for (int i = 0; i < 4; ++i) out.push_back(static_cast<char>((v >> (8 * i)) & 0xFF));
+    for (int i = 0; i < 4; ++i)
+        out.push_back(static_cast<char>((v >> (8 * i)) & 0xFF));
 }
 
 /// One language entry of a test file.
@@ -116,7 +117,8 @@ inline std::string MakeNls(const std::vector<NLS_ENTRY>& entries, unsigned int c
     std::vector<std::string> blocks;
     for (const NLS_ENTRY& e : entries) {
         std::string b;
-        for (const std::string& s : e.strings) b += s + std::string(1, '\0');
+        for (const std::string& s : e.strings)
+            b += s + std::string(1, '\0');
         blocks.push_back(b);
     }
     unsigned int offset = static_cast<unsigned int>(12 + 48 * entries.size());
@@ -130,13 +132,15 @@ inline std::string MakeNls(const std::vector<NLS_ENTRY>& entries, unsigned int c
         out += name;
         offset += static_cast<unsigned int>(blocks[i].size());
     }
-    for (const std::string& b : blocks) out += b;
+    for (const std::string& b : blocks)
+        out += b;
     return out;
 }
 
 /// Overwrites the 32-bit little-endian number at `offset`.
 inline void Patch32(std::string& bytes, size_t offset, unsigned int v) {
-    for (int i = 0; i < 4; ++i) bytes[offset + i] = static_cast<char>((v >> (8 * i)) & 0xFF);
+    for (int i = 0; i < 4; ++i)
+        bytes[offset + i] = static_cast<char>((v >> (8 * i)) & 0xFF);
 }
 
 } // namespace kel_test

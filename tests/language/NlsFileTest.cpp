@@ -26,8 +26,9 @@ constexpr unsigned int kDe = MakeLanguageID('d', 'e');
 constexpr unsigned int kFr = MakeLanguageID('f', 'r');
 
 std::string ValidFile() {
-    return MakeNls({{kDe, {"Datei %s nicht gefunden", "Zwei", "Drei"}}, {kFr, {"Fichier %s introuvable", "Deux", ""}}},
-                   kCount);
+    return MakeNls(
+        {{kDe, {"Datei %s nicht gefunden", "Zwei", "Drei"}}, {kFr, {"Fichier %s introuvable", "Deux", ""}}},
+        kCount);
 }
 
 class NlsFile : public ::testing::Test {
@@ -42,7 +43,9 @@ protected:
         KEL::Threading::CCurrentThread().SetLngId(0);
         KEL::Exceptions::ThreadErrorLog().Clear();
     }
-    void SearchIn(const std::string& path) { KEL::Misc::pKelApp->SetNlsSearchPath(KEL::Strings::CSubStringRef(path)); }
+    void SearchIn(const std::string& path) {
+        KEL::Misc::pKelApp->SetNlsSearchPath(KEL::Strings::CSubStringRef(path));
+    }
 
     KEL::Strings::TString<256> m_SavedPath;
     CTempDir m_Dir;
@@ -87,8 +90,8 @@ TEST_F(NlsFile, ThreadWithoutLanguageOrWithAnUnknownOneGetsTheBuiltInStrings) {
 }
 
 TEST_F(NlsFile, LanguageNameIsTruncatedTo32Characters) {
-    CLngFile file("x.nls", Default_Language_ID, "A language name that is far longer than thirty-two", 0, kBuiltIn,
-                  kCount);
+    CLngFile file("x.nls", Default_Language_ID, "A language name that is far longer than thirty-two", 0,
+                  kBuiltIn, kCount);
     EXPECT_STREQ("A language name that is far long", file.GetDefaultLngData().name);
     EXPECT_EQ(0u, file.GetDefaultLngData().isUtf8);
 }
@@ -105,7 +108,9 @@ std::string Truncated() {
     b.pop_back();
     return b;
 }
-std::string OneByteTooLong() { return ValidFile() + "x"; }
+std::string OneByteTooLong() {
+    return ValidFile() + "x";
+}
 std::string WrongMagic() {
     std::string b = ValidFile();
     kel_test::Patch32(b, 0, 0x25031962u);
@@ -141,8 +146,12 @@ std::string BlockSizeOverflows() {
     kel_test::Patch32(b, 12 + 8, 0xFFFFFFF0u);
     return b;
 }
-std::string HeaderOnly() { return ValidFile().substr(0, 8); }
-std::string EntryHeaderCut() { return ValidFile().substr(0, 12 + 48 + 20); }
+std::string HeaderOnly() {
+    return ValidFile().substr(0, 8);
+}
+std::string EntryHeaderCut() {
+    return ValidFile().substr(0, 12 + 48 + 20);
+}
 
 class NlsFileDamage : public NlsFile, public ::testing::WithParamInterface<DAMAGE> {};
 
@@ -165,7 +174,8 @@ INSTANTIATE_TEST_SUITE_P(
     Damaged, NlsFileDamage,
     ::testing::Values(DAMAGE{"Truncated", Truncated}, DAMAGE{"OneByteTooLong", OneByteTooLong},
                       DAMAGE{"WrongMagic", WrongMagic}, DAMAGE{"WrongCount", WrongCount},
-                      DAMAGE{"OffsetOutside", OffsetOutside}, DAMAGE{"OffsetIntoTheHeaders", OffsetIntoTheHeaders},
+                      DAMAGE{"OffsetOutside", OffsetOutside},
+                      DAMAGE{"OffsetIntoTheHeaders", OffsetIntoTheHeaders},
                       DAMAGE{"NegativeOffset", NegativeOffset}, DAMAGE{"HugeN", HugeN},
                       DAMAGE{"BlockSizeOverflows", BlockSizeOverflows}, DAMAGE{"HeaderOnly", HeaderOnly},
                       DAMAGE{"EntryHeaderCut", EntryHeaderCut}),
@@ -258,15 +268,18 @@ TEST_F(NlsFile, ManyThreadsAskingFirstSearchOnceAndAgree) {
         threads.emplace_back([&, i] {
             KEL::Threading::CCurrentThread().SetLngId(kDe);
             ++ready;
-            while (!go.load()) std::this_thread::yield();
+            while (!go.load())
+                std::this_thread::yield();
             LNGDATA& e = file.GetLngData();
             seen[i] = &e;
             text[i] = CLanguageStrg(e, 1).Native();
         });
     }
-    while (ready.load() != kThreads) std::this_thread::yield();
+    while (ready.load() != kThreads)
+        std::this_thread::yield();
     go = true;
-    for (std::thread& t : threads) t.join();
+    for (std::thread& t : threads)
+        t.join();
     // A thread that came while the search was under way may have had the built-in entry; any
     // thread asking afterwards gets the file's.
     for (int i = 0; i < kThreads; ++i) {
@@ -293,33 +306,62 @@ TEST_F(NlsFile, ModuleMessagesComeFromTheThreadsLanguage) {
 }
 
 TEST_F(NlsFile, StringsAndFormatStreamsTakeFileTextsConverted) {
-    m_Dir.Write("module.nls", MakeNls({{kDe, {"Gr\xC3\xBC\xC3\x9F" "e %s", "Zwei", "Drei"}}}, kCount));
+    m_Dir.Write("module.nls", MakeNls({{kDe,
+                                        {"Gr\xC3\xBC\xC3\x9F"
+                                         "e %s",
+                                         "Zwei", "Drei"}}},
+                                      kCount));
     SearchIn(m_Dir.Path().string());
     CModuleFile file;
     CLanguageStrg greeting(file.GetLngData(), 0);
     ASSERT_EQ(1u, greeting.IsUTF8());
     KEL::Strings::CStringVar constructed(greeting);
-    EXPECT_STREQ("Gr\xFC\xDF" "e %s", constructed.C_Str());
+    EXPECT_STREQ("Gr\xFC\xDF"
+                 "e %s",
+                 constructed.C_Str());
     KEL::Strings::TString<512> big(greeting);
     big += CLanguageStrg(file.GetLngData(), 1);
-    EXPECT_STREQ("Gr\xFC\xDF" "e %sZwei", big.C_Str());
+    EXPECT_STREQ("Gr\xFC\xDF"
+                 "e %sZwei",
+                 big.C_Str());
     KEL::Strings::TString<16> formatted;
     formatted.Format("[%s|%s]") << greeting << CLanguageStrg(file.GetLngData(), 2);
-    EXPECT_STREQ("[Gr\xFC\xDF" "e %s|Drei]", formatted.C_Str());
+    EXPECT_STREQ("[Gr\xFC\xDF"
+                 "e %s|Drei]",
+                 formatted.C_Str());
     // The native bytes stay UTF-8.
-    EXPECT_STREQ("Gr\xC3\xBC\xC3\x9F" "e %s", greeting.Native());
+    EXPECT_STREQ("Gr\xC3\xBC\xC3\x9F"
+                 "e %s",
+                 greeting.Native());
 }
 
 TEST(LanguageStrg, Utf8TextIsConvertedToLatin1AndOtherTextIsCopied) {
-    const char* const strings[] = {"Gr\xC3\xBC\xC3\x9F" "e", "Gr\xFC\xDF" "e"};
+    const char* const strings[] = {"Gr\xC3\xBC\xC3\x9F"
+                                   "e",
+                                   "Gr\xFC\xDF"
+                                   "e"};
     CLngFile utf8("u.nls", Default_Language_ID, "English", 1, strings, 2);
     KEL::Strings::TString<32> out;
     CLanguageStrg(utf8.GetDefaultLngData(), 0).UTF8ToChar(out);
-    EXPECT_STREQ("Gr\xFC\xDF" "e", out.C_Str());
+    EXPECT_STREQ("Gr\xFC\xDF"
+                 "e",
+                 out.C_Str());
     CLngFile latin1("l.nls", Default_Language_ID, "English", 0, strings, 2);
     CLanguageStrg(latin1.GetDefaultLngData(), 1).UTF8ToChar(out);
-    EXPECT_STREQ("Gr\xFC\xDF" "e", out.C_Str());
+    EXPECT_STREQ("Gr\xFC\xDF"
+                 "e",
+                 out.C_Str());
     EXPECT_EQ(0u, CLanguageStrg(latin1.GetDefaultLngData(), 1).IsUTF8());
+    // Asked for UTF-8, the bytes stay as stored.
+    CLanguageStrg(utf8.GetDefaultLngData(), 0).UTF8ToChar(out, 65001);
+    EXPECT_STREQ("Gr\xC3\xBC\xC3\x9F"
+                 "e",
+                 out.C_Str());
+    // Not UTF-8 at all: shown as stored rather than lost.
+    const char* const broken[] = {"Gr\xC3"};
+    CLngFile bad("b.nls", Default_Language_ID, "English", 1, broken, 1);
+    CLanguageStrg(bad.GetDefaultLngData(), 0).UTF8ToChar(out);
+    EXPECT_STREQ("Gr\xC3", out.C_Str());
 }
 
 } // namespace

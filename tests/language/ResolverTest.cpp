@@ -13,6 +13,8 @@
 #include <cstdio>
 #include <thread>
 
+#include <unistd.h>
+
 using KEL::Language_Support::CLanguageSupport;
 using KEL::Language_Support::CXMLLanguages;
 using KEL::Language_Support::MakeLanguageID;
@@ -25,18 +27,23 @@ const char* const kNoInformation = "?: There is no information available!";
 
 // The project's German file: NLS/de.xml two folders above this source.
 std::string ProjectGermanFile() {
-    return (boost::filesystem::path(__FILE__).parent_path().parent_path().parent_path() / "NLS" / "de.xml").string();
+    return (boost::filesystem::path(__FILE__).parent_path().parent_path().parent_path() / "NLS" / "de.xml")
+        .string();
 }
 
 class CNlsBesideProgram : public ::testing::Environment {
 public:
+    // CTest runs each test as a process of its own, several at once: the file is copied under a
+    // name of this process and renamed into place, so a reader sees a whole file or none.
     void SetUp() override {
         boost::filesystem::path program;
         ASSERT_EQ(1u, KEL::Misc::CKelApplication::GetProcessPath(program));
         boost::filesystem::path folder = program.parent_path() / "NLS";
         boost::filesystem::create_directories(folder);
-        boost::filesystem::copy_file(ProjectGermanFile(), folder / "de.xml",
+        boost::filesystem::path staging = folder / ("de.xml." + std::to_string(::getpid()));
+        boost::filesystem::copy_file(ProjectGermanFile(), staging,
                                      boost::filesystem::copy_option::overwrite_if_exists);
+        boost::filesystem::rename(staging, folder / "de.xml");
     }
 };
 const ::testing::Environment* const s_Nls = ::testing::AddGlobalTestEnvironment(new CNlsBesideProgram);
@@ -69,8 +76,12 @@ TEST_F(Resolver, ThreadLanguageChoosesTheTranslation) {
 
 TEST_F(Resolver, TranslationsTurnBackslashNIntoALineBreakAndDecodeEntities) {
     KEL::Threading::CCurrentThread().SetLngId(kDe);
-    EXPECT_EQ("Das System muss neu gestartet werden,\num den Vorgang abzuschlie\xC3\x9F" "en", Resolve(35548));
-    EXPECT_EQ("Die vorhandene Datei \"\xC3\xBC" "berschreiben\"?", Resolve(35691));
+    EXPECT_EQ("Das System muss neu gestartet werden,\num den Vorgang abzuschlie\xC3\x9F"
+              "en",
+              Resolve(35548));
+    EXPECT_EQ("Die vorhandene Datei \"\xC3\xBC"
+              "berschreiben\"?",
+              Resolve(35691));
 }
 
 TEST_F(Resolver, PseudoObjectIsNeverTranslated) {
@@ -88,8 +99,8 @@ TEST_F(Resolver, MissingLabelGivesTheNoInformationTextAndATraceLine) {
     KEL::Threading::CCurrentThread thread;
     EXPECT_EQ(kNoInformation, Resolve(99999));
     char expected[128];
-    std::snprintf(expected, sizeof(expected), "NLS-Thread-ID=0x%x Language=en Label-ID=99999\t??? not found ???",
-                  thread.GetThreadID());
+    std::snprintf(expected, sizeof(expected),
+                  "NLS-Thread-ID=0x%x Language=en Label-ID=99999\t??? not found ???", thread.GetThreadID());
     EXPECT_EQ(1u, trace.Count(expected)) << (trace.All().empty() ? "" : trace.All().back());
 
     thread.SetLngId(kDe);
@@ -207,16 +218,20 @@ TEST(ResolverLoad, ManyThreadsResolvingANewLanguageLoadItOnce) {
     for (int i = 0; i < kThreads; ++i) {
         threads.emplace_back([&, i] {
             ++ready;
-            while (!go.load()) std::this_thread::yield();
+            while (!go.load())
+                std::this_thread::yield();
             size_t length = 0;
             const char* text = languages.Resolve(35600, kDe, length);
             results[i].assign(text, length);
         });
     }
-    while (ready.load() != kThreads) std::this_thread::yield();
+    while (ready.load() != kThreads)
+        std::this_thread::yield();
     go = true;
-    for (std::thread& t : threads) t.join();
-    for (const std::string& r : results) EXPECT_EQ("Ung\xC3\xBCltige Eingabe", r);
+    for (std::thread& t : threads)
+        t.join();
+    for (const std::string& r : results)
+        EXPECT_EQ("Ung\xC3\xBCltige Eingabe", r);
     EXPECT_EQ(1u, trace.Count("NLS: Loading language: de"));
     EXPECT_TRUE(languages[1].IsLoaded());
 }

@@ -18,7 +18,9 @@ constexpr unsigned int kDe = MakeLanguageID('d', 'e');
 const char* const kLocale =
     "<LOCALE LANGUAGEID=\"de\" VERSION=\"1\" IMAGEPATH=\"de.gif\" LANGUAGENAME=\"Deutsch\">";
 
-std::string Labels(const std::string& body) { return std::string("<?xml version=\"1.0\"?>\n") + kLocale + body + "</LOCALE>"; }
+std::string Labels(const std::string& body) {
+    return std::string("<?xml version=\"1.0\"?>\n") + kLocale + body + "</LOCALE>";
+}
 
 class XmlFiles : public ::testing::Test {
 protected:
@@ -56,7 +58,8 @@ struct MISSING {
 class XmlFilesMissing : public XmlFiles, public ::testing::WithParamInterface<MISSING> {};
 
 TEST_P(XmlFilesMissing, AttributeIsReportedAndTheFileLeftOut) {
-    std::string path = m_Dir.Write("de.xml", std::string(GetParam().locale) + "<EVT_CONNECTED Text=\"Verbunden\"/></LOCALE>");
+    std::string path = m_Dir.Write("de.xml", std::string(GetParam().locale) +
+                                                 "<EVT_CONNECTED Text=\"Verbunden\"/></LOCALE>");
     CXMLLanguages languages;
     languages.Build(m_Dir.Path());
     EXPECT_EQ(1u, languages.size());

@@ -15,7 +15,8 @@ namespace kelnls {
 namespace {
 
 void PutLE32(std::string& out, unsigned int v) {
-    for (int i = 0; i < 4; ++i) out.push_back(static_cast<char>((v >> (8 * i)) & 0xFF));
+    for (int i = 0; i < 4; ++i)
+        out.push_back(static_cast<char>((v >> (8 * i)) & 0xFF));
 }
 
 std::string Trim(const std::string& s) {
@@ -34,11 +35,20 @@ bool Unescape(const std::string& in, std::string& out) {
         }
         if (++i == in.size()) return false;
         switch (in[i]) {
-        case 'n': out.push_back('\n'); break;
-        case 't': out.push_back('\t'); break;
-        case 'r': out.push_back('\r'); break;
-        case '\\': out.push_back('\\'); break;
-        default: return false;
+        case 'n':
+            out.push_back('\n');
+            break;
+        case 't':
+            out.push_back('\t');
+            break;
+        case 'r':
+            out.push_back('\r');
+            break;
+        case '\\':
+            out.push_back('\\');
+            break;
+        default:
+            return false;
         }
     }
     return true;
@@ -48,11 +58,20 @@ std::string Escape(const std::string& in) {
     std::string out;
     for (char c : in) {
         switch (c) {
-        case '\n': out += "\\n"; break;
-        case '\t': out += "\\t"; break;
-        case '\r': out += "\\r"; break;
-        case '\\': out += "\\\\"; break;
-        default: out.push_back(c);
+        case '\n':
+            out += "\\n";
+            break;
+        case '\t':
+            out += "\\t";
+            break;
+        case '\r':
+            out += "\\r";
+            break;
+        case '\\':
+            out += "\\\\";
+            break;
+        default:
+            out.push_back(c);
         }
     }
     return out;
@@ -64,8 +83,7 @@ bool ParseSection(const std::string& line, LANGUAGE& language, std::string& why)
     if (close != line.size() - 1) return why = "section header without ']'", false;
     std::string body = line.substr(1, close - 1);
     if (body.size() < 2 || !std::isalpha(static_cast<unsigned char>(body[0])) ||
-        !std::isalpha(static_cast<unsigned char>(body[1])) ||
-        (body.size() > 2 && body[2] != ' '))
+        !std::isalpha(static_cast<unsigned char>(body[1])) || (body.size() > 2 && body[2] != ' '))
         return why = "a section starts with a two-letter language code", false;
     language.languageId = KEL::Language_Support::MakeLanguageID(body[0], body[1]);
     std::string rest = Trim(body.substr(2));
@@ -85,13 +103,14 @@ bool ParseSection(const std::string& line, LANGUAGE& language, std::string& why)
     return true;
 }
 
-bool Complete(const std::map<unsigned long long, std::string>& strings, unsigned long long& count, LANGUAGE& language,
-              std::string& why) {
+bool Complete(const std::map<unsigned long long, std::string>& strings, unsigned long long& count,
+              LANGUAGE& language, std::string& why) {
     if (count == 0) count = strings.empty() ? 0 : strings.rbegin()->first + 1;
     if (count == 0) return why = "the first language has no strings", false;
     if (strings.size() != count || strings.rbegin()->first != count - 1) {
         unsigned long long missing = 0;
-        while (strings.count(missing)) ++missing;
+        while (strings.count(missing))
+            ++missing;
         std::ostringstream s;
         if (missing < count)
             s << "string " << missing << " is missing";
@@ -99,7 +118,8 @@ bool Complete(const std::map<unsigned long long, std::string>& strings, unsigned
             s << "string " << strings.rbegin()->first << " is beyond the count " << count;
         return why = s.str(), false;
     }
-    for (const auto& s : strings) language.strings.push_back(s.second);
+    for (const auto& s : strings)
+        language.strings.push_back(s.second);
     return true;
 }
 
@@ -144,13 +164,15 @@ bool ParseSource(const std::string& text, unsigned long long count, std::vector<
         if (index.empty() || index.size() > 9 || index.find_first_not_of("0123456789") != std::string::npos)
             return fail(lineNo, "the index must be a number");
         unsigned long long k = std::stoull(index);
-        if (count != 0 && k >= count) return fail(lineNo, "index beyond the string count " + std::to_string(count));
+        if (count != 0 && k >= count)
+            return fail(lineNo, "index beyond the string count " + std::to_string(count));
         // One blank after '=' belongs to the syntax; the rest is the text.
         std::string value = raw.substr(eq + 1);
         if (!value.empty() && value[0] == ' ') value.erase(0, 1);
         std::string textValue;
         if (!Unescape(value, textValue)) return fail(lineNo, "bad escape (\\n, \\t, \\r or \\\\)");
-        if (!strings.emplace(k, textValue).second) return fail(lineNo, "string " + index + " is defined twice");
+        if (!strings.emplace(k, textValue).second)
+            return fail(lineNo, "string " + index + " is defined twice");
     }
     if (!inSection) return error = "no [language] section", false;
     std::string why;
@@ -183,7 +205,8 @@ std::string BuildNls(const std::vector<LANGUAGE>& languages) {
         out.append(name, sizeof(name));
         offset += static_cast<unsigned int>(blocks[i].size());
     }
-    for (const std::string& b : blocks) out += b;
+    for (const std::string& b : blocks)
+        out += b;
     return out;
 }
 
@@ -196,7 +219,8 @@ std::string WriteSource(const std::vector<LANGUAGE>& languages, const std::strin
         out.push_back(static_cast<char>(l.languageId & 0xFF));
         if (!l.name.empty()) out += " \"" + l.name + "\"";
         out += l.utf8 ? " utf8]\n" : " ansi]\n";
-        for (size_t i = 0; i < l.strings.size(); ++i) out += std::to_string(i) + " = " + Escape(l.strings[i]) + "\n";
+        for (size_t i = 0; i < l.strings.size(); ++i)
+            out += std::to_string(i) + " = " + Escape(l.strings[i]) + "\n";
     }
     return out;
 }

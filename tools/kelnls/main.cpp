@@ -113,12 +113,13 @@ int Dump(const char* path, unsigned long long count) {
         l.languageId = e.languageId;
         l.name = e.name;
         l.utf8 = e.isUtf8 != 0;
-        for (unsigned long long k = 0; k < count; ++k) l.strings.emplace_back(e.strings[k]);
+        for (unsigned long long k = 0; k < count; ++k)
+            l.strings.emplace_back(e.strings[k]);
         languages.push_back(std::move(l));
     }
     std::cout << kelnls::WriteSource(languages, std::string("kelnls dump of ") + path + ": " +
-                                                   std::to_string(languages.size()) + " languages, " +
-                                                   std::to_string(count) + " strings each");
+                                                    std::to_string(languages.size()) + " languages, " +
+                                                    std::to_string(count) + " strings each");
     return 0;
 }
 
