@@ -24,7 +24,8 @@ constexpr size_t kInitialBlock = 256;
 constexpr size_t kMaxBlock = 1u << 24; // a runaway message is cut, not grown without bound
 } // namespace
 
-struct alignas(ENTRY) CErrorLog::LOGDATA {
+// Aligned so that the table of entries (which hold pointers) right behind it is aligned too.
+struct alignas(8) CErrorLog::LOGDATA {
     unsigned int code;
     NATIVE_ERROR native;
     unsigned int count;
@@ -38,10 +39,12 @@ struct alignas(ENTRY) CErrorLog::LOGDATA {
     const char* Texts() const noexcept { return reinterpret_cast<const char*>(Table() + count); }
 };
 
-static_assert(sizeof(CErrorLog::LOGDATA*) == sizeof(void*), "");
+static_assert(sizeof(CErrorLog::LOGDATA) % alignof(ENTRY) == 0, "the entry table follows the header");
 
-CKelException::CKelException(unsigned int code) noexcept : m_uCode(code) {
-    std::snprintf(m_szWhat, sizeof m_szWhat, "kelbase status 0x%08X", code);
+const char* CKelException::what() const noexcept {
+    // Made on demand: most library exceptions are handled by status and never asked.
+    if (m_szWhat[0] == '\0') std::snprintf(m_szWhat, sizeof m_szWhat, "kelbase status 0x%08X", m_uCode);
+    return m_szWhat;
 }
 
 CErrorLog::CErrorLog(const CErrorLog& other) {

@@ -33,9 +33,11 @@ unsigned int CThrowState::SwapMode(Internals::CThreadCB& cb, unsigned int on) no
 }
 
 namespace {
-// The status of the library exception being handled; `fallback` outside a handler.
+// The status of the library exception being handled. The thread's log has it unless memory
+// ran out while the log was made; only then is the exception itself asked (a rethrow).
 unsigned int CurrentStatus(const Exceptions::CErrorLog& log) noexcept {
     unsigned int code = log.GetError();
+    if (code) return code;
     try {
         if (std::current_exception()) throw;
     } catch (const Exceptions::CKelException& e) {
@@ -74,8 +76,12 @@ unsigned int CThrowState::GetThrow() noexcept {
 
 unsigned int CThrowState::ThrowNext(Exceptions::SOURCE_INFO& site) {
     Init();
+    return ThrowNext(site, CurrentStatus(m_pTCB->m_ThrowState.m_Log));
+}
+
+unsigned int CThrowState::ThrowNext(Exceptions::SOURCE_INFO& site, unsigned int code) {
+    Init();
     Exceptions::CErrorLog& log = m_pTCB->m_ThrowState.m_Log;
-    unsigned int code = CurrentStatus(log);
     // Throw mode stays on while the site is added, so that nothing raised meanwhile is lost.
     if (!m_pTCB->m_ThrowState.m_uThrow) {
         SwapMode(*m_pTCB, 1);

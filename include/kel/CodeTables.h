@@ -5,7 +5,8 @@
 // the number; the numbers themselves travel as message identifiers and protocol codes.
 //
 // Each table is an ordered, read-only map from a signed 32-bit code to a name (upper-case ASCII
-// words joined by underscores; value code 0 has the empty name). It is made from the row lists
+// words joined by underscores; value code 0 has the empty name, and value 40339 keeps its
+// lower-case last word, "ADAPTER_STATUS_INFO_empty", as the suite has always spelt it). It is made from the row lists
 // in CodeTables.inc, in list order: a row is numbered one above the row before it unless it
 // carries its own number, which starts a new run; when two rows carry the same code the first
 // one stays; two codes may share a name and both keep it; iteration runs by ascending code.
@@ -64,20 +65,19 @@ public:
     constexpr size_type size() const noexcept { return m_nCount; }
     constexpr bool empty() const noexcept { return m_nCount == 0; }
 
-    /// The first entry whose code is not below `code` (binary search).
+    /// The first entry whose code is not below `code`. A binary search whose steps do not
+    /// branch on the comparison: random look-ups would mispredict half of them.
     constexpr const_iterator lower_bound(int code) const noexcept {
-        const_iterator first = begin();
+        if (m_nCount == 0)
+            return m_pRows;
+        const_iterator base = m_pRows;
         size_type count = m_nCount;
-        while (count > 0) {
+        while (count > 1) {
             const size_type half = count / 2;
-            if (first[half].first < code) {
-                first += half + 1;
-                count -= half + 1;
-            } else {
-                count = half;
-            }
+            base += (base[half].first < code) ? half : 0;
+            count -= half;
         }
-        return first;
+        return base + (base->first < code ? 1 : 0);
     }
     /// The first entry whose code is above `code`.
     constexpr const_iterator upper_bound(int code) const noexcept {

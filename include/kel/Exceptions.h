@@ -62,13 +62,14 @@ struct NATIVE_ERROR {
 /// The object that is thrown: only the status; the details are in the thread's error log.
 class KEL_API CKelException : public std::exception {
 public:
-    explicit CKelException(unsigned int code) noexcept;
+    explicit CKelException(unsigned int code) noexcept : m_uCode(code) {}
     unsigned int GetCode() const noexcept { return m_uCode; }
-    const char* what() const noexcept override { return m_szWhat; }
+    /// "kelbase status 0x2001xxxx" (the details are in the thread's error log).
+    const char* what() const noexcept override;
 
 private:
     unsigned int m_uCode;
-    char m_szWhat[40];
+    mutable char m_szWhat[32] = {};
 };
 
 /// An error log: the status, the native error and a stack of messages with their sites, kept
@@ -222,6 +223,8 @@ public:
     /// At a boundary, inside the catch block: adds `site` to the thread's log; throws the status
     /// on when the caller's mode is "throw", else returns it.
     unsigned int ThrowNext(Exceptions::SOURCE_INFO& site);
+    /// The same for a status the caller already holds (saves looking it up again).
+    unsigned int ThrowNext(Exceptions::SOURCE_INFO& site, unsigned int code);
     /// Adds `site` to the log and returns the status, whatever the mode.
     unsigned int EndException(Exceptions::SOURCE_INFO& site);
 
@@ -285,8 +288,8 @@ auto Guarded(SOURCE_INFO& site, F&& body) -> decltype(body()) {
         } catch (const std::bad_alloc&) {
             Raise(site, 0x2001000Fu, nullptr, "Out of memory");
         }
-    } catch (const CKelException&) {
-        return static_cast<decltype(body())>(state.ThrowNext(site));
+    } catch (const CKelException& e) {
+        return static_cast<decltype(body())>(state.ThrowNext(site, e.GetCode()));
     }
 }
 

@@ -13,6 +13,7 @@
 #include <kel/LanguageSupport.h>
 #include <kel/Threading.h>
 #include <kel/Xml.h>
+#include <kel/CodeTables.h>
 #include <kel/Ssl.h>
 #include <kel/Crypt.h>
 #include <kel/Cas.h>

@@ -308,6 +308,16 @@ TEST(ValueCodeNames, CodeZeroIsPresentWithTheEmptyName) {
     EXPECT_EQ(KEL::ValueCodeNames.count(0), 1u);
 }
 
+TEST(ValueCodeNames, TheOneLowerCaseNameKeepsItsSpelling) {
+    EXPECT_EQ(KEL::ValueCodeNames.at(40339), "ADAPTER_STATUS_INFO_empty");
+    EXPECT_EQ(KEL::ValueCodeNames.at(40338), "ADAPTER_STATUS_INFO_NOT_APPLICABLE");
+    std::size_t lowerCase = 0;
+    for (std::size_t k = 0; k < KEL::CodeTables::TableCount; ++k)
+        for (const KEL::CODE_NAME& row : KEL::CodeTables::TableOf(static_cast<KEL::CodeTables::CODE_TABLE>(k)))
+            lowerCase += std::any_of(row.second.begin(), row.second.end(), [](char c) { return c >= 'a' && c <= 'z'; });
+    EXPECT_EQ(lowerCase, 1u);
+}
+
 TEST(ValueCodeNames, NumbersLeftToUnlistedRowsHaveNone) {
     for (int code : {40276, 40382, 40503, 40504, 40505, 40506, 40541, 40585})
         EXPECT_FALSE(NameOf(KEL::ValueCodeNames, code).has_value()) << code;

@@ -58,6 +58,31 @@ TEST(CodeTableMap, FindAndBoundsBehaveLikeAnOrderedMap) {
     EXPECT_EQ(ops.count(50118), 1u);
 }
 
+TEST(CodeTableMap, BoundsAgreeWithTheStandardSearchAroundEveryEntryAndAtTheExtremes) {
+    const auto less = [](const KEL::CODE_NAME& row, int code) { return row.first < code; };
+    for (std::size_t k = 0; k < TableCount; ++k) {
+        const KEL::CCodeTable& whole = TableOf(static_cast<CODE_TABLE>(k));
+        // Every prefix length exercises a different shape of the search.
+        for (std::size_t n : {std::size_t(1), std::size_t(2), std::size_t(3), std::size_t(7), std::size_t(64),
+                              whole.size() - 1, whole.size()}) {
+            const KEL::CCodeTable table(whole.begin(), n);
+            std::vector<int> probes = {-2147483647 - 1, -1, 0, 2147483647};
+            for (const KEL::CODE_NAME& row : table) {
+                probes.push_back(row.first);
+                if (row.first > -2147483647 - 1)
+                    probes.push_back(row.first - 1);
+                if (row.first < 2147483647)
+                    probes.push_back(row.first + 1);
+            }
+            for (int code : probes) {
+                const auto expected = std::lower_bound(table.begin(), table.end(), code, less);
+                ASSERT_EQ(table.lower_bound(code), expected) << KindName(static_cast<CODE_TABLE>(k)) << " " << n << " " << code;
+                ASSERT_EQ(table.find(code) != table.end(), expected != table.end() && expected->first == code);
+            }
+        }
+    }
+}
+
 TEST(CodeTableMap, AtThrowsOutOfRangeForACodeWithoutRow) {
     EXPECT_THROW((void)KEL::ErrorCodeNames.at(20167), std::out_of_range);
     EXPECT_THROW((void)KEL::ValueCodeNames.at(-1), std::out_of_range);
