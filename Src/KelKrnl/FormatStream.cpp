@@ -216,7 +216,7 @@ void CFormatStream::Fail(Exceptions::SOURCE_INFO& site) {
     Base_Classes::CFormatStreamBuffer* sink = m_pSink;
     End();
     if (!sink || !sink->RaisesFormatErrors()) throw Internals::CFormatAbort{};
-    Exceptions::Raise(site, 0x20010010u, nullptr, "%s", "Bad format");
+    Exceptions::Raise(site, 0x20010010u, nullptr, "Bad format");
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -237,6 +237,33 @@ inline void CFormatStream::Emit(const char* text, size_t length) {
         End();
         throw;
     }
+}
+
+inline void CFormatStream::EmitFill(char ch, size_t count) {
+    if (m_pSink != &m_StringSink) {
+        m_pSink->PutFill(ch, count);
+        return;
+    }
+    Strings::CStringVar* target = m_StringSink.GetTarget();
+    if (!target || count == 0) return;
+    try {
+        size_t at = target->Length();
+        char* p = target->Lock(count);
+        std::memset(p, ch, count);
+        p[count] = '\0';
+        target->Unlock(at + count);
+    } catch (...) {
+        End();
+        throw;
+    }
+}
+
+// A field's text, converted to upper case when the directive asks for it.
+inline void CFormatStream::EmitText(const char* text, size_t length) {
+    if (m_bUpper)
+        m_pSink->Put(text, length, 1);
+    else
+        Emit(text, length);
 }
 
 // The string keeps its own text, so its column is read from it when a field needs it rather
@@ -372,42 +399,37 @@ unsigned int CFormatStream::TypeReady(const char* p, unsigned int isInteger) {
 
 void CFormatStream::PadToIndent() {
     size_t column = CurrentColumn();
-    if (column < m_nIndent) m_pSink->PutFill(' ', m_nIndent - column);
+    if (column < m_nIndent) EmitFill(' ', m_nIndent - column);
 }
 
 void CFormatStream::WritePiece(const char* text, size_t length) {
-    Base_Classes::CFormatStreamBuffer& sink = *m_pSink;
     if (m_nIndent) PadToIndent();
-    const unsigned int upper = m_bUpper ? 1u : 0u;
     const size_t width = m_nWidth;
     switch (m_Align) {
     case AL_None:
-        if (upper)
-            sink.Put(text, length, upper);
-        else
-            Emit(text, length);
+        EmitText(text, length);
         break;
     case AL_Left:
         if (length >= width) {
-            sink.Put(text, width, upper);
+            EmitText(text, width);
         } else {
-            sink.Put(text, length, upper);
-            sink.PutFill(m_cFill, width - length);
+            EmitText(text, length);
+            EmitFill(m_cFill, width - length);
         }
         break;
     case AL_Centre:
         if (length >= width) {
-            sink.Put(text, width, upper);
+            EmitText(text, width);
         } else {
             size_t before = (width - length) / 2;
-            sink.PutFill(m_cFill, before);
-            sink.Put(text, length, upper);
-            sink.PutFill(m_cFill, width - length - before);
+            EmitFill(m_cFill, before);
+            EmitText(text, length);
+            EmitFill(m_cFill, width - length - before);
         }
         break;
     case AL_Right:
-        if (length < width) sink.PutFill(m_cFill, width - length);
-        sink.Put(text, length, upper);
+        if (length < width) EmitFill(m_cFill, width - length);
+        EmitText(text, length);
         break;
     }
 }

@@ -54,7 +54,7 @@ void CFormatStreamBuffer::Catch() noexcept {
 void CFormatStreamBuffer::doThrow(Exceptions::SOURCE_INFO& site) {
     Catch();
     if (!RaisesFormatErrors()) throw Internals::CFormatAbort{};
-    Exceptions::Raise(site, 0x20010010u, nullptr, "%s", "Bad format");
+    Exceptions::Raise(site, 0x20010010u, nullptr, "Bad format");
 }
 
 void CFormatStreamBuffer::Put(const char* text, size_t length, unsigned int upperCase) {

@@ -289,6 +289,8 @@ private:
     friend class Base_Classes::CFormatStreamBuffer;
     const char* ScanPlain();
     void Emit(const char* text, size_t length);
+    void EmitFill(char ch, size_t count);
+    void EmitText(const char* text, size_t length);
     size_t CurrentColumn() const noexcept;
     unsigned int TypeReady(const char* p, unsigned int isInteger);
     unsigned int TakeStar(unsigned long long value, unsigned int isInteger, unsigned int& target);
