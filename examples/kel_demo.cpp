@@ -6,6 +6,7 @@
 #include <kel/kelbase.h>
 
 #include <cstdio>
+#include <thread>
 
 using namespace KEL;
 using Strings::CStringVar;
@@ -81,6 +82,24 @@ void Failures() {
     std::fputs(report.C_Str(), stdout);
 }
 
+// The same event in the language of each thread: one thread speaks German (NLS/de.xml beside
+// the program), the other has no language and reads English.
+void Languages() {
+    Section(" languages ");
+    const unsigned int event = 10078; // EVT_LOGICALDRIVE_DEGRADED
+    std::string german, english;
+    std::thread de([&] {
+        Threading::CCurrentThread().SetLngId(Language_Support::MakeLanguageID('d', 'e'));
+        Language_Support::CLanguageSupport::ResolveString(event, german, false);
+    });
+    std::thread en([&] { Language_Support::CLanguageSupport::ResolveString(event, english, false); });
+    de.join();
+    en.join();
+    TString<256> line;
+    line.Format("event %d, English thread: %s\nevent %d, German thread:  %s") << event << english << event << german;
+    Print(line);
+}
+
 } // namespace
 
 int main() {
@@ -88,5 +107,6 @@ int main() {
     Strings_();
     Formatting();
     Failures();
+    Languages();
     return 0;
 }

@@ -5,13 +5,13 @@
 #include <kel/Functions.h>
 #include <kel/LanguageSupport.h>
 #include <kel/Misc.h>
+#include <kel/Threading.h>
 #include <kel/Trace.h>
 
 #include "KelKrnl/Hooks.h"
 #include "KelKrnl/KelModule.h"
 
 #include <ctime>
-#include <mutex>
 
 namespace KEL {
 namespace Internals {
@@ -28,32 +28,46 @@ namespace {
 CModuleInfo* s_pFirst = nullptr;
 unsigned int s_nModulCnt = 0;
 std::atomic<unsigned int> s_uUnloadCnt{0};
-std::recursive_mutex* s_pListLock = nullptr;
+Threading::Native_OS::CCriticalSection* s_pListLock = nullptr;
 std::atomic<bool> s_bListLockGuard{false};
 
 // Creation of the lock itself is guarded by a spin flag: there is no lock yet to take.
-std::recursive_mutex& ListLock() {
+Threading::Native_OS::CCriticalSection& ListLock() {
     while (s_bListLockGuard.exchange(true, std::memory_order_acquire)) {
     }
-    if (!s_pListLock) s_pListLock = new std::recursive_mutex();
-    std::recursive_mutex* lock = s_pListLock;
+    if (!s_pListLock) s_pListLock = new Threading::Native_OS::CCriticalSection();
+    Threading::Native_OS::CCriticalSection* lock = s_pListLock;
     s_bListLockGuard.store(false, std::memory_order_release);
     return *lock;
 }
+
+// Holds the list lock for a scope.
+class CListHold {
+public:
+    CListHold() : m_Lock(ListLock()) { m_Lock.Enter(); }
+    ~CListHold() { m_Lock.Leave(); }
+    CListHold(const CListHold&) = delete;
+    CListHold& operator=(const CListHold&) = delete;
+
+private:
+    Threading::Native_OS::CCriticalSection& m_Lock;
+};
 } // namespace
 
-void CModuleInfo::EnterListLock() { ListLock().lock(); }
+void CModuleInfo::EnterListLock() { ListLock().Enter(); }
 
 void CModuleInfo::LeaveListLock() noexcept {
-    if (s_pListLock) s_pListLock->unlock();
+    if (s_pListLock) s_pListLock->Leave();
 }
+
+unsigned int CModuleInfo::Lock(Threading::CSyncGuard& guard) { return ListLock().Enter(guard); }
 
 CModuleInfo::CModuleInfo(unsigned int moduleId, const char* name, const char* version,
                          Language_Support::CLngFile* lngFile, Language_Support::ERROR_MSG_LIST* msgList)
     : m_pszName(name ? name : ""), m_pszVersion(version ? version : ""), m_pLngFile(lngFile), m_pMsgList(msgList),
       m_uModuleId(moduleId) {
     {
-        std::lock_guard<std::recursive_mutex> hold(ListLock());
+        CListHold hold;
         m_pNext = s_pFirst;
         s_pFirst = this;
         ++s_nModulCnt;
@@ -66,7 +80,7 @@ CModuleInfo::~CModuleInfo() {
     if (this == &KEL_MODULE_INFO_KelLib) Internals::g_bKelModuleAlive = false;
     bool last = false;
     {
-        std::lock_guard<std::recursive_mutex> hold(ListLock());
+        CListHold hold;
         s_uUnloadCnt.fetch_add(1, std::memory_order_relaxed);
         if (s_pFirst == this) {
             s_pFirst = m_pNext;
@@ -106,7 +120,7 @@ unsigned int CModuleInfo::GetModuleCount() noexcept { return s_nModulCnt; }
 void CModuleInfo::GetErrorMsg(Strings::CStringVar& text, unsigned int code, unsigned int raw) {
     unsigned int id = (code >> 16) & 0x1FFFu;
     if (id != 0 && id != m_uModuleId) {
-        std::lock_guard<std::recursive_mutex> hold(ListLock());
+        CListHold hold;
         CModuleInfo* p = s_pFirst;
         while (p && p->m_uModuleId != id) p = p->m_pNext;
         if (p)

@@ -7,6 +7,7 @@
 #include <kel/Exceptions.h>
 
 #include <cstdint>
+#include <string>
 
 namespace KEL {
 namespace Misc {
@@ -29,6 +30,21 @@ KEL_API unsigned long long GetTickFrequency() noexcept;
 KEL_API Exceptions::NATIVE_ERROR GetOsError() noexcept;
 /// The C runtime's errno as a native error of kind 3.
 KEL_API Exceptions::NATIVE_ERROR GetErrno() noexcept;
+
+/// The process id.
+KEL_API unsigned long long GetCurrentProcessID() noexcept;
+/// The process's current directory into `out`. Returns 1, or status 0x20010017 with the
+/// system error (for example when the directory was removed; a throw in throw mode).
+KEL_API unsigned int GetCurrentDirectoryA(Strings::CStringVar& out);
+/// The host's name (`host`) and its fully qualified DNS name (`fqdn`, the host name again when
+/// the resolver knows no longer one). Returns 1, or status 0x20010017 with the system error.
+KEL_API unsigned int GetDnsName(Strings::CStringVar& host, Strings::CStringVar& fqdn);
+KEL_API unsigned int GetDnsName(std::string& host, std::string& fqdn);
+/// Checks the C runtime heap; 1 when sound. A damaged heap is reported on standard error
+/// ("ERROR - bad node in heap" / "ERROR - bad start of heap") and, with trace point
+/// 0x40000000 of kelbase on, in the trace. glibc offers no walk of its heap, so on this
+/// platform the heap always reports sound.
+KEL_API unsigned int HeapCheck();
 
 } // namespace Functions
 } // namespace KEL

@@ -11,9 +11,14 @@
 #include <kel/Functions.h>
 #include <kel/Trace.h>
 #include <kel/LanguageSupport.h>
+#include <kel/Delegates.h>
 #include <kel/Threading.h>
 #include <kel/Xml.h>
 #include <kel/CodeTables.h>
+#include <kel/IniFiles.h>
+#include <kel/FileSystem.h>
+#include <kel/Json.h>
 #include <kel/Ssl.h>
 #include <kel/Crypt.h>
 #include <kel/Cas.h>
+#include <kel/Ldap.h>

@@ -1,0 +1,67 @@
+// kelbase - tests/threads/ThreadTestUtil.h
+//
+// Helpers of the threading tests: lambdas as counted delegates, a status-code catcher and a
+// bounded spin for conditions another thread makes true.
+#pragma once
+
+#include <kel/Delegates.h>
+#include <kel/Exceptions.h>
+#include <kel/Threading.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <thread>
+#include <utility>
+
+namespace kel_test {
+
+/// A call block that runs a lambda and counts failure notifications.
+class CLambdaCb : public KEL::Delegates_and_Calls::CDelegate::CCbBase {
+public:
+    explicit CLambdaCb(std::function<void()> fn, std::atomic<int>* failed = nullptr)
+        : m_Fn(std::move(fn)), m_pFailed(failed) {}
+    void Call() override { m_Fn(); }
+    void Failed() override {
+        if (m_pFailed) m_pFailed->fetch_add(1);
+    }
+
+private:
+    std::function<void()> m_Fn;
+    std::atomic<int>* m_pFailed;
+};
+
+inline KEL::Delegates_and_Calls::CDelegate Fn(std::function<void()> fn, std::atomic<int>* failed = nullptr) {
+    return KEL::Delegates_and_Calls::CDelegate(new CLambdaCb(std::move(fn), failed));
+}
+
+/// Runs `body` with throw mode on and returns the library status it raised (0 when none).
+template <class F>
+unsigned int RaisedCode(F&& body) {
+    unsigned int old = KEL::Threading::CThrowState::SetThrow(1);
+    unsigned int code = 0;
+    try {
+        body();
+    } catch (const KEL::Exceptions::CKelException& e) {
+        code = e.GetCode();
+    }
+    KEL::Threading::CThrowState::SetThrow(old);
+    return code;
+}
+
+/// Spins (sleeping a little) until `cond` holds; false after a generous hang guard.
+template <class C>
+bool Eventually(C&& cond, int seconds = 20) {
+    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    while (!cond()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    return true;
+}
+
+constexpr unsigned int kHangGuardMs = 20000;
+
+} // namespace kel_test
