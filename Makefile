@@ -23,13 +23,14 @@ $(BUILD)/CMakeCache.txt:
 build: deps $(BUILD)/CMakeCache.txt
 	cmake --build $(BUILD) -j $(JOBS)
 
-# The sanitizer build runs first, so the plain suite's CTest summary closes the output.
+# The sanitizer build runs first, so the plain suite's CTest summary closes the output. It is
+# built with Clang, the plain one with GCC: both compilers are held to warnings-as-errors.
 test: build test-asan
 	@echo "== kelbase test suite =="
 	cd $(BUILD) && ctest $(CTEST_FLAGS)
 
 test-asan: deps
-	cmake -S . -B $(ASAN_BUILD) -DKEL_WERROR=ON -DKEL_SANITIZE=address,undefined \
+	CC=clang CXX=clang++ cmake -S . -B $(ASAN_BUILD) -DKEL_WERROR=ON -DKEL_SANITIZE=address,undefined \
 	      -DKEL_BUILD_BENCH=OFF -DKEL_BUILD_EXAMPLES=OFF -DCMAKE_BUILD_TYPE=Debug $(CMAKE_FLAGS)
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 	@echo "== kelbase test suite under AddressSanitizer + UndefinedBehaviorSanitizer =="

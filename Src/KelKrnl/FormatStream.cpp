@@ -692,7 +692,12 @@ CFormatStream& CFormatStream::operator<<(const Language_Support::CLanguageStrg& 
 
 CFormatStream& CFormatStream::operator<<(CFormatResortBuffer& fields) {
     Strings::TString<512> local;
-    fields.PutInOrder(local);
+    try {
+        fields.PutInOrder(local);
+    } catch (...) {
+        End(); // a bad order text ends this format like a format error would
+        throw;
+    }
     WriteString(local.data(), local.Length());
     return *this;
 }

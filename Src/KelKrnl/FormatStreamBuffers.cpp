@@ -241,6 +241,14 @@ CFormatStream CFormatResortBuffer::Format(const char* format, const char* order)
     return CFormatStream(*this, format);
 }
 
+CFormatStream CFormatResortBuffer::Format(const char* format) {
+    m_Text = Misc::Null;
+    m_FieldStart.clear();
+    m_nFields = 0;
+    m_nColumn = 0;
+    return CFormatStream(*this, format);
+}
+
 void CFormatResortBuffer::PutInOrder(Strings::CStringVar& out) {
     const char* order = m_Order.data();
     const size_t length = m_Order.Length();

@@ -109,12 +109,22 @@ void CStringVar::Alloc(size_t n) {
         // Foreign text: continue from the empty inline buffer and bring the text along.
         const char* foreign = m_pData;
         size_t length = m_nLength;
+        size_t inlineCap = StoredInlineCapacity();
+        if (length > kAbsurdRequest || n > kAbsurdRequest - length) RaiseOutOfMemory(~size_t(0));
         m_pData = m_inline;
-        m_nCapacity = StoredInlineCapacity();
+        m_nCapacity = inlineCap;
         m_nLength = 0;
         m_inline[0] = '\0';
-        if (length > kAbsurdRequest || n > kAbsurdRequest - length) RaiseOutOfMemory(~size_t(0));
-        Alloc(length + n);
+        try {
+            Alloc(length + n);
+        } catch (...) {
+            // Still the foreign text, as before the call.
+            StoreInlineCapacity(inlineCap);
+            m_pData = foreign;
+            m_nLength = length;
+            m_nCapacity = 0;
+            throw;
+        }
         std::memcpy(WData(), foreign, length);
         WData()[length] = '\0';
         m_nLength = length;
@@ -191,7 +201,8 @@ void CStringVar::AllocCopy(const char* text, size_t max) {
     bool inside = m_nCapacity != 0 && text >= base && text <= base + m_nCapacity;
     if (inside && static_cast<size_t>(text - base) + count > m_nLength && m_nCapacity - m_nLength < count) {
         // Part of the source lies beyond the text, where growth keeps nothing: copy it first.
-        std::string copy(text, count);
+        TString<256> copy;
+        copy.Cat(text, count);
         AllocCopy(copy.data(), count);
         return;
     }
@@ -444,7 +455,8 @@ void CStringVar::ReplaceRange(size_t pos, size_t count, const char* text, size_t
     if (count > m_nLength - pos) count = m_nLength - pos;
     if (length != 0 && m_nCapacity != 0 && text >= m_pData && text <= m_pData + m_nCapacity) {
         // The new characters come from this very string, which is about to move: copy them.
-        std::string copy(text, length);
+        TString<256> copy;
+        copy.Cat(text, length);
         ReplaceRange(pos, count, copy.data(), length);
         return;
     }
@@ -543,16 +555,20 @@ CSubStringVar& CSubStringVar::operator=(Misc::CNull) {
 
 void CSubStringVar::Set(char ch, size_t count) {
     if (count == POSERR) count = m_nLength;
-    size_t pos = static_cast<size_t>(m_pData - m_pParent->data());
+    CStringVar& parent = *m_pParent;
+    size_t pos = static_cast<size_t>(m_pData - parent.data());
+    parent.MakeOwn();
     if (count > m_nLength) {
         // The window grows: the characters after it move on.
-        std::string fill(count, ch);
-        Replace(fill.data(), count);
-        return;
+        size_t extra = count - m_nLength;
+        parent.Alloc(extra);
+        char* data = parent.WData();
+        std::memmove(data + pos + count, data + pos + m_nLength, parent.m_nLength - pos - m_nLength + 1);
+        parent.m_nLength += extra;
+        m_nLength = count;
     }
-    m_pParent->MakeOwn();
-    std::memset(m_pParent->WData() + pos, static_cast<unsigned char>(ch), count);
-    m_pData = m_pParent->data() + pos;
+    std::memset(parent.WData() + pos, static_cast<unsigned char>(ch), count);
+    m_pData = parent.data() + pos;
 }
 
 void CSubStringVar::ToLower() noexcept {

@@ -48,7 +48,10 @@ void ByteStreamAppend(const char* data, size_t length, std::stringstream& out, s
     const std::ios_base::fmtflags flags = out.flags();
     const char fill = out.fill();
     const bool prefixed = bytesPerLine != 0 && length > bytesPerLine;
-    out << std::hex << std::setfill('0');
+    // Whatever the caller set (left adjustment, show base, upper case) must not change the
+    // layout: the dump runs on its own flags.
+    out.flags(std::ios_base::hex | std::ios_base::right);
+    out << std::setfill('0');
     for (size_t i = 0; i < length; ++i) {
         if (bytesPerLine != 0 && i % bytesPerLine == 0) {
             if (i != 0) out << '\n';

@@ -3,12 +3,7 @@
 // Conversions between the narrow single-byte text (Latin-1 on this platform) and UTF-8, and
 // from wide text (wchar_t holding UTF-32 code points) to UTF-8.
 #define KEL_SOURCE_FILE "Src/string"
-// Guarded() instantiates Raise() without arguments, whose empty fold expression compilers
-// report as a statement without effect; that is harmless and confined to the header.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wunused-value"
 #include <kel/Exceptions.h>
-#pragma GCC diagnostic pop
 #include <kel/Strings.h>
 
 #include <cstdint>
@@ -128,8 +123,8 @@ unsigned int CStringVar::CopyFromUTF8(const CSubStringRef& utf8) {
     return Exceptions::Guarded(KEL_SITE(), [&]() -> unsigned int {
         if (utf8.Length() != 0 && IsInside(utf8.data(), *this)) {
             // Converting our own text: work from a copy, the result is written over it.
-            std::string copy(utf8.data(), utf8.Length());
-            return CopyFromUTF8(CSubStringRef(copy));
+            TString<256> copy(utf8);
+            return CopyFromUTF8(copy);
         }
         const unsigned char* p = reinterpret_cast<const unsigned char*>(utf8.data());
         const size_t length = utf8.Length();
@@ -167,8 +162,8 @@ unsigned int CStringVar::CopyFromUTF8(const CSubStringRef& utf8) {
 
 CStringVar& CStringVar::CopyAsUTF8(const CSubStringRef& narrow) {
     if (narrow.Length() != 0 && IsInside(narrow.data(), *this)) {
-        std::string copy(narrow.data(), narrow.Length());
-        return CopyAsUTF8(CSubStringRef(copy));
+        TString<256> copy(narrow);
+        return CopyAsUTF8(copy);
     }
     size_t size = narrow.UTF8BufferSize();
     if (size == 0) {

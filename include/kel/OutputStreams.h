@@ -37,8 +37,13 @@
 //
 // A format error raises status 0x20010010 ("Bad format") through the library's exception
 // convention (Exceptions.h) with the site of the broken rule; the broken format is ended first,
-// so the sink stays usable. An output column is kept for `!`: it counts the characters after
-// the last "\n" written through the stream.
+// so the sink stays usable. The text after the last consumed directive is written when the
+// stream is destroyed; directives left without an argument write nothing there, and a broken
+// one ends the text quietly (destructors do not raise).
+//
+// The column that `!` indents to counts the characters after the last "\n" written to the
+// sink (for a CStringVar: the last "\n" of its whole text, so appending formats line up).
+// `c`/`C` write the low byte of the integer. An address (`<< ptr`) may also go to `s`.
 #pragma once
 
 #include <kel/Strings.h>
@@ -177,6 +182,8 @@ public:
 
     /// Keeps `order` (with a blank appended) and formats `format`, one field per directive.
     CFormatStream Format(const char* format, const char* order);
+    /// Formats `format` into new fields under the order text kept from before.
+    CFormatStream Format(const char* format) override;
     /// Appends the order text to `out`: `%1`..`%9` stand for the fields, `%%` for a percent
     /// sign, a `%` before anything else is written with that character. `%0` or a number past
     /// the last field raises 0x2001001B (what was appended before stays). Plain text of the

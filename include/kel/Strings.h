@@ -12,8 +12,9 @@
 //  - CStringRefPtr, CStringVarPtr  owning pointers to heap strings.
 //
 // Growth: below 8192 characters the capacity doubles (plus one), from there it grows in 4 KiB
-// steps; heap blocks are multiples of 16 bytes. A string never grows past 0x4000000 characters
-// (status 0x20010036). Failures are raised as library exceptions (see Exceptions.h).
+// steps; heap blocks are multiples of 16 bytes. Once its capacity exceeds 0x4000000 characters
+// a string takes no more text at all (status 0x20010036, also for text that would fit) until
+// FreeExtra shrinks it. Failures are raised as library exceptions (see Exceptions.h).
 //
 // None of the types is locked: a string belongs to one thread at a time.
 #pragma once
@@ -98,7 +99,9 @@ public:
     bool operator>(const CSubStringRef& o) const noexcept { return Compare(o) > 0; }
     bool operator>=(const CSubStringRef& o) const noexcept { return Compare(o) >= 0; }
 
-    /// Code points of UTF-8 text (2- to 6-byte forms); POSERR for a malformed sequence.
+    /// Code points of UTF-8 text (2- to 6-byte forms, overlong forms not rejected); POSERR for
+    /// a truncated sequence, a missing continuation byte, a continuation byte where a
+    /// character should start, or a byte 0xFE/0xFF.
     size_t UTF8Length() const noexcept;
     /// Bytes this narrow (Latin-1) text needs as UTF-8.
     size_t UTF8BufferSize() const noexcept;
@@ -258,12 +261,15 @@ public:
     CSubStringVar operator()(size_t pos, size_t count);
 
     /// Moves the text into `target` and leaves this string empty. A heap block is handed over
-    /// as it is; inline text is copied.
+    /// as it is (`target` frees its own block); inline text, and text of or into an alias, is
+    /// copied.
     void operator>>(CStringVar& target);
     /// Hands the text over as a malloc'ed buffer that the caller owns (release it with free()).
     void operator>>(char*& buffer);
 
-    /// Converts narrow (Latin-1) or wide text into UTF-8 in this string.
+    /// Converts narrow (Latin-1) or wide text into UTF-8 in this string (the source may be
+    /// this string's own text). Wide characters are taken as code points: values past
+    /// U+1FFFFF get the 5- and 6-byte forms that UTF8Length accepts, negative ones U+FFFD.
     CStringVar& CopyAsUTF8(const CSubStringRef& narrow);
     CStringVar& CopyAsUTF8(const wchar_t* wide);
     /// Converts UTF-8 into single-byte text: returns 1, or 0x20010060 when the text is not
@@ -392,7 +398,9 @@ private:
 };
 
 /// A writable window (data, length) into a CStringVar. Assigning replaces the window's
-/// characters in the parent, moving the rest of the parent's text.
+/// characters in the parent, moving the rest of the parent's text; the window then covers
+/// the new characters. The source may be part of the same parent. A window is valid until
+/// its parent is changed by other means.
 class KEL_API CSubStringVar : public CSubStringRef {
 public:
     CSubStringVar(CStringVar& parent, size_t pos, size_t count) noexcept;
@@ -473,8 +481,10 @@ KEL_API size_t UTF8length(const std::string& utf8);
 KEL_API std::vector<std::string> tokenizeString(const char* const text, const char* const separators);
 /// Concatenates parts[first] .. parts[last] with nothing between; "" when first >= size.
 KEL_API std::string joinString(const std::vector<std::string>& parts, size_t first);
-/// Appends a hex dump: lines of `bytesPerLine` bytes, each "XX ", prefixed with the index range
-/// "0x00 - 0x10: " when the data spans more than one line.
+/// Appends a hex dump: lines of `bytesPerLine` bytes, each as two lower-case hex digits and a
+/// blank, lines after the first begun with '\n', each prefixed with the index range
+/// "0x00 - 0x10: " when the data spans more than one line (`bytesPerLine` 0: one line). The
+/// stream's own number base and fill are kept.
 KEL_API void ByteStreamAppend(const char* data, size_t length, std::stringstream& out, size_t bytesPerLine);
 
 } // namespace Strings

@@ -175,12 +175,32 @@ TEST(ResortBuffer, ANewFormatStartsFromNoFields) {
     EXPECT_EQ("[only] ", Text(out));
 }
 
+TEST(ResortBuffer, AFormatWithoutOrderTextKeepsTheOrderAndDropsTheFields) {
+    CFormatResortBuffer r;
+    r.Format("%s %s", "%2, %1") << "first" << "second";
+    r.Format("%d %d") << 1 << 2;
+    EXPECT_EQ(2u, r.FieldCount());
+    CStringVar out;
+    r.PutInOrder(out);
+    EXPECT_EQ("2, 1 ", Text(out));
+}
+
 TEST(ResortBuffer, IsAStringArgumentOfAnotherFormat) {
     CFormatResortBuffer r;
     r.Format("%d %s", "%2=%1") << 5 << "five";
     CStringVar s;
     s.Format("<%s>") << r;
     EXPECT_EQ("<five=5 >", Text(s));
+}
+
+TEST(ResortBuffer, ABadOrderTextInsideAnotherFormatEndsThatFormat) {
+    CFormatResortBuffer r;
+    r.Format("%s", "%1 %5") << "A";
+    CStringVar s;
+    EXPECT_EQ(0x2001001Bu, StatusOf([&] { s.Format("a %s b") << r; }));
+    EXPECT_EQ("", Text(s)); // the fields are put in order before the text reaches %s
+    s.Format("%d") << 1;
+    EXPECT_EQ("1", Text(s));
 }
 
 TEST(ResortBuffer, ABadFormatKeepsTheFieldsSoFar) {

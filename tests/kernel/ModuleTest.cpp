@@ -88,7 +88,7 @@ TEST(Messages, IdZeroIsAnsweredByTheCalledModule) {
 }
 
 TEST(Messages, ModuleWithItsOwnListAndLanguageFile) {
-    static const char* const strings[] = {"zero", "Widget jammed", "Gr\xC3\xBC\xC3\x9F" "e"};
+    static const char* const strings[] = {"zero", "Widget jammed", "Gr\xC3\xBC\xC3\x9F\x65"};
     static Language_Support::ERROR_MSG_LIST list[] = {{0x0005, 1}, {0x0006, 2}, {0, 0}};
     Language_Support::CLngFile file("widget.nls", Language_Support::Default_Language_ID, "English", 1, strings, 3);
     Misc::CModuleInfo widget(0x200, "Widget", "1.0", &file, list);
@@ -96,9 +96,9 @@ TEST(Messages, ModuleWithItsOwnListAndLanguageFile) {
     widget.GetErrorMsg(text, 0x22000005u);
     EXPECT_STREQ("Widget jammed", text.C_Str());
     KEL_MODULE_INFO_KelLib.GetErrorMsg(text, 0x22000006u); // asked through another module
-    EXPECT_STREQ("Gr\xFC\xDF" "e", text.C_Str());         // converted to the local code page
+    EXPECT_STREQ("Gr\xFC\xDF\x65", text.C_Str());         // converted to the local code page
     widget.GetErrorMsg(text, 0x22000006u, 1);
-    EXPECT_STREQ("Gr\xC3\xBC\xC3\x9F" "e", text.C_Str()); // raw: the UTF-8 bytes
+    EXPECT_STREQ("Gr\xC3\xBC\xC3\x9F\x65", text.C_Str()); // raw: the UTF-8 bytes
 }
 
 TEST(Application, DefaultObjectAndProgramObject) {

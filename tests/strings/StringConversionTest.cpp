@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <iomanip>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -239,6 +240,16 @@ TEST(StringHelpers, HexDumpAppendsAndLeavesTheStreamAsItWas) {
     out.width(4);
     out << 7;
     EXPECT_EQ(out.str(), "x=255 10 255    7");
+}
+
+TEST(StringHelpers, HexDumpLayoutIgnoresTheCallersStreamFlags) {
+    std::stringstream out;
+    out << std::uppercase << std::showbase << std::left << std::setfill('*');
+    KEL::Strings::ByteStreamAppend("\x0A\xBC\x01", 3, out, 2);
+    EXPECT_EQ(out.str(), "0x00 - 0x02: 0a bc \n0x02 - 0x04: 01 ");
+    EXPECT_TRUE(out.flags() & std::ios_base::uppercase);
+    EXPECT_TRUE(out.flags() & std::ios_base::left);
+    EXPECT_EQ(out.fill(), '*');
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -108,7 +108,14 @@ struct Extra {
     static constexpr size_t value = N;
 };
 using Sizes = ::testing::Types<Extra<32>, Extra<64>, Extra<128>, Extra<256>, Extra<512>, Extra<2048>>;
-TYPED_TEST_SUITE(TStringBoundary, Sizes);
+// Names the instances after their extra inline bytes (TStringBoundary/N32, ...).
+struct ExtraName {
+    template <class T>
+    static std::string GetName(int) {
+        return "N" + std::to_string(T::value);
+    }
+};
+TYPED_TEST_SUITE(TStringBoundary, Sizes, ExtraName);
 
 TYPED_TEST(TStringBoundary, FullInlineBufferThenOneMoreGoesToTheHeapWithoutLoss) {
     constexpr size_t N = TypeParam::value;
@@ -303,6 +310,25 @@ TEST(StringOutOfMemory, FailedReallocationFreesTheBlockAndLeavesAnEmptySoundStri
     EXPECT_STREQ(s.C_Str(), "again");
 }
 
+TEST(StringOutOfMemory, GrowingWindowRaisesAndLeavesTheParentAlone) {
+    CStringVar s("abc");
+    EXPECT_EQ(RaisedStatus([&] { s(1, 1).Set('x', size_t(1) << 60); }), 0x2001000Fu);
+    EXPECT_STREQ(s.C_Str(), "abc");
+    EXPECT_EQ(RaisedStatus([&] { s.Set('x', size_t(1) << 60); }), 0x2001000Fu);
+    EXPECT_STREQ(s.C_Str(), "abc");
+}
+
+TEST(StringOutOfMemory, ForeignTextStaysForeignWhenItsCopyCannotBeMade) {
+    static const char text[] = "not ours";
+    ForeignText f(text);
+    EXPECT_EQ(RaisedStatus([&] { f.Lock(size_t(1) << 60); }), 0x2001000Fu);
+    EXPECT_EQ(f.data(), text);
+    EXPECT_EQ(f.Capacity(), 0u);
+    f += '!'; // the inline capacity noted for it is intact
+    EXPECT_STREQ(f.C_Str(), "not ours!");
+    EXPECT_EQ(f.Capacity(), 15u);
+}
+
 TEST(StringOutOfMemory, RequestsThatWouldOverflowTheSizeArithmeticAreRefused) {
     CStringVar s("0123456789");
     EXPECT_EQ(RaisedStatus([&] { s.Lock(~size_t(0)); }), 0x2001000Fu);
@@ -333,7 +359,8 @@ TEST(StringAppend, AssignmentFromOwnTextMovesItToTheFront) {
     CStringVar s("0123456789abcdefghij");
     s = s(5);
     EXPECT_STREQ(s.C_Str(), "56789abcdefghij");
-    s = s;
+    s = *&s; // assignment from itself, spelt so that the compiler does not object
+
     EXPECT_STREQ(s.C_Str(), "56789abcdefghij");
     s = CSubStringRef(s.data() + 2, 3);
     EXPECT_STREQ(s.C_Str(), "789");

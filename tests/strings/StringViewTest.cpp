@@ -250,12 +250,4 @@ TEST(StringCopies, OwningPointersTransferOwnership) {
     EXPECT_STREQ(w->C_Str(), "abcdef");
 }
 
-TEST(StringCopies, GlobalViews) {
-    EXPECT_EQ(KEL::Strings::_TEmpty.Length(), 0u);
-    EXPECT_STREQ(KEL::Strings::_TBlank.C_Str(), " ");
-    EXPECT_STREQ(KEL::Strings::_TNL.C_Str(), "\n");
-    EXPECT_STREQ(KEL::Strings::_TFNL.C_Str(), "\r\n");
-    EXPECT_EQ(KEL::Strings::_TFNL.Length(), 2u);
-}
-
 } // namespace
