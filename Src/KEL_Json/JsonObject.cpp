@@ -79,6 +79,8 @@ private:
 } // namespace
 
 const char* GetParseErrorText(unsigned int code) noexcept {
+    // Only codes of the enumeration may be converted to it; everything else is unknown.
+    if (code > static_cast<unsigned int>(rapidjson::kParseErrorUnspecificSyntaxError)) return "Unknown error.";
     return rapidjson::GetParseError_En(static_cast<rapidjson::ParseErrorCode>(code));
 }
 
