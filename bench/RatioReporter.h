@@ -1,9 +1,10 @@
 // kelbase - bench/RatioReporter.h
 //
 // Shared by the benchmark programs: a console reporter that remembers each benchmark's
-// median (or single-run) time so the program can print our figure against its peer's, and
-// the extra thread every benchmark program starts (glibc skips its lock atomics until a
-// process has a second thread, which would flatter single-threaded figures).
+// median (or single-run) time so the program can print our figure against its peer's, the
+// extra thread every benchmark program starts (glibc skips its lock atomics until a
+// process has a second thread, which would flatter single-threaded figures), and the main
+// that wires the two together.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -24,24 +25,44 @@ class CRatioReporter : public benchmark::ConsoleReporter {
 public:
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const Run& r : runs) {
-            if (r.aggregate_name.empty() || r.aggregate_name == "median")
-                m_Times[r.run_name.function_name] = {r.GetAdjustedRealTime(), r.GetAdjustedCPUTime()};
+            if (r.aggregate_name.empty() || r.aggregate_name == "median") {
+                // Keyed by function and arguments ("BM_Build/40"); the time-type suffix is left
+                // out, so callers name benchmarks as they are declared.
+                std::string name = r.run_name.function_name;
+                if (!r.run_name.args.empty()) name += "/" + r.run_name.args;
+                m_Times[name] = {r.GetAdjustedRealTime(), r.GetAdjustedCPUTime(), !r.run_name.time_type.empty()};
+            }
         }
         ConsoleReporter::ReportRuns(runs);
     }
     /// Prints ours / peer by CPU time (the machines are shared, so wall time carries other
-    /// programs' load) and by wall time, and whether the CPU ratio is within `limit`.
+    /// programs' load) and by wall time, and whether the judged ratio is within `limit`. The
+    /// judged ratio is the CPU one, or the wall one when either benchmark measures real or
+    /// manual time (a thread that mostly blocks spends little CPU, so only wall time counts).
     void PrintRatio(const std::string& ours, const std::string& peer, double limit) const {
         auto a = m_Times.find(ours), b = m_Times.find(peer);
-        if (a == m_Times.end() || b == m_Times.end() || b->second.second <= 0 || b->second.first <= 0) return;
-        double cpu = a->second.second / b->second.second;
-        double real = a->second.first / b->second.first;
-        std::printf("RATIO %-22s / %-26s = %.3f cpu, %.3f wall (limit %.2f) %s\n", ours.c_str(), peer.c_str(), cpu,
-                    real, limit, cpu <= limit ? "ok" : "OVER");
+        if (a == m_Times.end() || b == m_Times.end() || b->second.cpu <= 0 || b->second.wall <= 0) return;
+        double cpu = a->second.cpu / b->second.cpu;
+        double real = a->second.wall / b->second.wall;
+        bool byWall = a->second.realTime || b->second.realTime;
+        double judged = byWall ? real : cpu;
+        std::printf("RATIO %-22s / %-26s = %.3f cpu, %.3f wall (limit %.2f %s) %s\n", ours.c_str(), peer.c_str(),
+                    cpu, real, limit, byWall ? "wall" : "cpu", judged <= limit ? "ok" : "OVER");
+    }
+    /// The benchmark's median wall time in nanoseconds (the time unit left at its default), or
+    /// a negative value when it did not run.
+    double WallNanoseconds(const std::string& name) const {
+        auto it = m_Times.find(name);
+        return it == m_Times.end() ? -1.0 : it->second.wall;
     }
 
 private:
-    std::map<std::string, std::pair<double, double>> m_Times; // wall, CPU
+    struct Times {
+        double wall;
+        double cpu;
+        bool realTime; // measured with UseRealTime or UseManualTime
+    };
+    std::map<std::string, Times> m_Times;
 };
 
 /// A thread that only waits, started before the benchmarks and ended after them.
@@ -67,5 +88,21 @@ private:
     bool m_bStop = false;
     std::thread m_Thread;
 };
+
+/// Runs the benchmarks named on the command line with a CRatioReporter while a CSecondThread
+/// exists, then calls `printRatios(reporter)`. Returns main's exit status: 1 for arguments the
+/// library does not know, 0 otherwise.
+template <class PrintRatios>
+int RunAndReport(int argc, char** argv, PrintRatios printRatios) {
+    CSecondThread second;
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    CRatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    std::printf("\n");
+    printRatios(static_cast<const CRatioReporter&>(reporter));
+    benchmark::Shutdown();
+    return 0;
+}
 
 } // namespace kelbench

@@ -11,15 +11,13 @@
 // with --benchmark_repetitions=5 --benchmark_report_aggregates_only=true).
 #include <kel/CodeTables.h>
 
-#include <benchmark/benchmark.h>
+#include "RatioReporter.h"
 
-#include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <map>
 #include <random>
 #include <string>
-#include <thread>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -191,72 +189,20 @@ void BM_Walk_StdMap(benchmark::State& state) {
 }
 BENCHMARK(BM_Walk_StdMap);
 
-// Collects the median (or, without repetitions, the single) real time of each benchmark.
-class CRatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& run : runs) {
-            std::string name = run.benchmark_name();
-            if (run.run_type == Run::RT_Aggregate) {
-                if (run.aggregate_name != "median")
-                    continue;
-                name = name.substr(0, name.rfind('_'));
-            }
-            m_Times[name] = run.GetAdjustedRealTime();
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-
-    /// Median time in nanoseconds, or a negative value when the benchmark did not run.
-    double Nanoseconds(const char* name) const {
-        const auto it = m_Times.find(name);
-        return it == m_Times.end() ? -1.0 : it->second;
-    }
-
-    void PrintRatio(const char* ours, const char* peer) const {
-        const double a = Nanoseconds(ours);
-        const double b = Nanoseconds(peer);
-        if (a < 0 || b <= 0)
-            return;
-        std::printf("ratio %-24s / %-28s = %.2fx\n", ours, peer, a / b);
-    }
-
-private:
-    std::map<std::string, double> m_Times;
-};
-
-// A second thread exists for the whole run, as in any real service (glibc's single-thread
-// shortcuts would otherwise flatter every figure).
-struct BackgroundThread {
-    std::atomic<bool> stop{false};
-    std::thread t{[this] {
-        while (!stop.load())
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }};
-    ~BackgroundThread() {
-        stop = true;
-        t.join();
-    }
-};
-
 } // namespace
 
 int main(int argc, char** argv) {
-    BackgroundThread background;
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    CRatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    std::printf("\n");
-    reporter.PrintRatio("BM_NameOf_Kel", "BM_NameOf_StdMap");
-    reporter.PrintRatio("BM_CodeOf_Kel", "BM_CodeOf_StdMap");
-    reporter.PrintRatio("BM_Walk_Kel", "BM_Walk_StdMap");
-    const double peer = reporter.Nanoseconds("BM_StartUp_StdMap_FiveTables");
-    if (peer > 0) {
-        std::printf("start-up per unit: kelbase 0 us (constant-initialised), std::map peer %.1f us\n", peer / 1000.0);
-        std::printf("start-up for 20 units: kelbase 0 ms, std::map peer %.2f ms (budget 10 ms)\n", 20.0 * peer / 1.0e6);
-    }
-    benchmark::Shutdown();
-    return 0;
+    return kelbench::RunAndReport(argc, argv, [](const kelbench::CRatioReporter& reporter) {
+        // No targets for the look-ups: reported so a regression shows.
+        reporter.PrintRatio("BM_NameOf_Kel", "BM_NameOf_StdMap", 100.0);
+        reporter.PrintRatio("BM_CodeOf_Kel", "BM_CodeOf_StdMap", 100.0);
+        reporter.PrintRatio("BM_Walk_Kel", "BM_Walk_StdMap", 100.0);
+        const double peer = reporter.WallNanoseconds("BM_StartUp_StdMap_FiveTables");
+        if (peer > 0) {
+            std::printf("start-up per unit: kelbase 0 us (constant-initialised), std::map peer %.1f us\n",
+                        peer / 1000.0);
+            std::printf("start-up for 20 units: kelbase 0 ms, std::map peer %.2f ms (budget 10 ms)\n",
+                        20.0 * peer / 1.0e6);
+        }
+    });
 }

@@ -1,11 +1,9 @@
 // Raising a status and reading it back (throw mode off) next to a plain C++ throw/catch.
 #include <kel/kelbase.h>
 
-#include <benchmark/benchmark.h>
+#include "RatioReporter.h"
 
-#include <atomic>
 #include <stdexcept>
-#include <thread>
 
 namespace {
 
@@ -54,25 +52,11 @@ void BM_KelBoundaryNoFailure(benchmark::State& state) {
 }
 BENCHMARK(BM_KelBoundaryNoFailure);
 
-// A second thread exists for the whole run, as in any real service (glibc's single-thread
-// shortcuts would otherwise flatter every figure).
-struct BackgroundThread {
-    std::atomic<bool> stop{false};
-    std::thread t{[this] {
-        while (!stop.load()) std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }};
-    ~BackgroundThread() {
-        stop = true;
-        t.join();
-    }
-};
-
 } // namespace
 
 int main(int argc, char** argv) {
-    BackgroundThread background;
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return kelbench::RunAndReport(argc, argv, [](const kelbench::CRatioReporter& reporter) {
+        // No target: the figure is reported so a regression shows.
+        reporter.PrintRatio("BM_KelRaiseAndReadStatus", "BM_PlainThrowCatch", 100.0);
+    });
 }

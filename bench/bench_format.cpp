@@ -3,16 +3,13 @@
 // --benchmark_repetitions=5 --benchmark_report_aggregates_only=true).
 #include <kel/kelbase.h>
 
-#include <benchmark/benchmark.h>
+#include "RatioReporter.h"
+
 #include <fmt/format.h>
 
-#include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <iterator>
-#include <map>
 #include <string>
-#include <thread>
 
 namespace {
 
@@ -109,59 +106,13 @@ void BM_Aligned_Snprintf(benchmark::State& state) {
 }
 BENCHMARK(BM_Aligned_Snprintf);
 
-// Collects the median (or, without repetitions, the single) CPU time of each benchmark: on
-// shared machines the wall time also counts the time other processes hold the CPU.
-class CRatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& run : runs) {
-            std::string name = run.benchmark_name();
-            if (run.run_type == Run::RT_Aggregate) {
-                if (run.aggregate_name != "median") continue;
-                name = name.substr(0, name.rfind('_'));
-            }
-            m_Times[name] = run.GetAdjustedCPUTime();
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-
-    void PrintRatio(const char* ours, const char* peer) const {
-        auto a = m_Times.find(ours);
-        auto b = m_Times.find(peer);
-        if (a == m_Times.end() || b == m_Times.end() || b->second <= 0) return;
-        std::printf("ratio %-26s / %-24s = %.2fx\n", ours, peer, a->second / b->second);
-    }
-
-private:
-    std::map<std::string, double> m_Times;
-};
-
-// A second thread exists for the whole run, as in any real service (glibc's single-thread
-// shortcuts would otherwise flatter every figure).
-struct BackgroundThread {
-    std::atomic<bool> stop{false};
-    std::thread t{[this] {
-        while (!stop.load()) std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }};
-    ~BackgroundThread() {
-        stop = true;
-        t.join();
-    }
-};
-
 } // namespace
 
 int main(int argc, char** argv) {
-    BackgroundThread background;
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    CRatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    std::printf("\n");
-    reporter.PrintRatio("BM_Header_Kel_StringVar", "BM_Header_Snprintf");
-    reporter.PrintRatio("BM_Header_Kel_StringVar", "BM_Header_FmtFormatTo");
-    reporter.PrintRatio("BM_Header_Kel_ChrBuffer", "BM_Header_Snprintf");
-    reporter.PrintRatio("BM_Aligned_Kel_StringVar", "BM_Aligned_Snprintf");
-    benchmark::Shutdown();
-    return 0;
+    return kelbench::RunAndReport(argc, argv, [](const kelbench::CRatioReporter& reporter) {
+        reporter.PrintRatio("BM_Header_Kel_StringVar", "BM_Header_Snprintf", 1.0);
+        reporter.PrintRatio("BM_Header_Kel_StringVar", "BM_Header_FmtFormatTo", 1.5);
+        reporter.PrintRatio("BM_Header_Kel_ChrBuffer", "BM_Header_Snprintf", 1.0);
+        reporter.PrintRatio("BM_Aligned_Kel_StringVar", "BM_Aligned_Snprintf", 1.0);
+    });
 }

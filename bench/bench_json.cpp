@@ -8,6 +8,7 @@
 
 #include <rapidjson/document.h>
 
+#include <cstdio>
 #include <stdexcept>
 #include <string>
 
@@ -64,12 +65,8 @@ BENCHMARK(BM_RapidJson_ParseAndFind);
 } // namespace
 
 int main(int argc, char** argv) {
-    kelbench::CSecondThread second;
-    benchmark::Initialize(&argc, argv);
-    kelbench::CRatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    std::printf("document: %zu bytes\n", g_Text.size());
-    reporter.PrintRatio("BM_Kel_ParseAndFind", "BM_RapidJson_ParseAndFind", 1.2);
-    benchmark::Shutdown();
-    return 0;
+    return kelbench::RunAndReport(argc, argv, [](const kelbench::CRatioReporter& reporter) {
+        std::printf("document: %zu bytes\n", g_Text.size());
+        reporter.PrintRatio("BM_Kel_ParseAndFind", "BM_RapidJson_ParseAndFind", 1.2);
+    });
 }

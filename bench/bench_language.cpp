@@ -3,13 +3,10 @@
 // std::unordered_map<unsigned int, std::string> lookup and assignment.
 #include <kel/kelbase.h>
 
-#include <benchmark/benchmark.h>
+#include "RatioReporter.h"
 
-#include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <string>
-#include <thread>
 #include <unordered_map>
 
 namespace {
@@ -73,52 +70,15 @@ void BM_PeerUnorderedMap(benchmark::State& state) {
 }
 BENCHMARK(BM_PeerUnorderedMap);
 
-// A second thread exists for the whole run, as in any real service (glibc's single-thread
-// shortcuts would otherwise flatter every figure).
-struct BackgroundThread {
-    std::atomic<bool> stop{false};
-    std::thread t{[this] {
-        while (!stop.load())
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }};
-    ~BackgroundThread() {
-        stop = true;
-        t.join();
-    }
-};
-
-// Collects each benchmark's median (or plain) time to print the ratio to the peer at the end.
-class CRatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& r : runs) {
-            if (r.run_type == Run::RT_Aggregate && r.aggregate_name != "median") continue;
-            m_Times[r.run_name.function_name] = r.GetAdjustedRealTime();
-        }
-    }
-    void Finalize() override {
-        ConsoleReporter::Finalize();
-        double peer = m_Times["BM_PeerUnorderedMap"];
-        if (peer <= 0) return;
-        for (const char* name : {"BM_KelResolveString", "BM_KelResolveStringVar"}) {
-            if (m_Times.count(name))
-                std::printf("%-24s %7.1f ns  %.2fx the peer (unordered_map + assign, %.1f ns)\n", name,
-                            m_Times[name], m_Times[name] / peer, peer);
-        }
-    }
-
-private:
-    std::map<std::string, double> m_Times;
-};
-
 } // namespace
 
 int main(int argc, char** argv) {
-    BackgroundThread background;
-    benchmark::Initialize(&argc, argv);
-    CRatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
+    return kelbench::RunAndReport(argc, argv, [](const kelbench::CRatioReporter& reporter) {
+        // No ratio target: the aim is a median under 100 ns per resolved label.
+        for (const char* name : {"BM_KelResolveString", "BM_KelResolveStringVar"}) {
+            reporter.PrintRatio(name, "BM_PeerUnorderedMap", 100.0);
+            const double ns = reporter.WallNanoseconds(name);
+            if (ns > 0) std::printf("%-24s %7.1f ns median (aim under 100 ns)\n", name, ns);
+        }
+    });
 }

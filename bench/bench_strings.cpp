@@ -5,15 +5,9 @@
 // --benchmark_report_aggregates_only=true).
 #include <kel/kelbase.h>
 
-#include <benchmark/benchmark.h>
+#include "RatioReporter.h"
 
-#include <atomic>
-#include <chrono>
-#include <cstdio>
-#include <map>
 #include <string>
-#include <thread>
-#include <vector>
 
 namespace {
 
@@ -94,59 +88,13 @@ void BM_Fresh40_StdString(benchmark::State& state) {
 }
 BENCHMARK(BM_Fresh40_StdString);
 
-// Collects the median (or, without repetitions, the single) CPU time of each benchmark: the
-// machine's cores are shared, so wall time mostly measures the neighbours.
-class CRatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& run : runs) {
-            std::string name = run.benchmark_name();
-            if (run.run_type == Run::RT_Aggregate) {
-                if (run.aggregate_name != "median") continue;
-                name = name.substr(0, name.rfind('_'));
-            }
-            m_Times[name] = run.GetAdjustedCPUTime();
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-
-    void PrintRatio(const std::string& ours, const std::string& peer) const {
-        auto a = m_Times.find(ours);
-        auto b = m_Times.find(peer);
-        if (a == m_Times.end() || b == m_Times.end() || b->second <= 0) return;
-        std::printf("ratio %-30s / %-26s = %.2fx (%s)\n", ours.c_str(), peer.c_str(), a->second / b->second,
-                    a->second <= b->second ? "ours faster or equal" : "ours slower");
-    }
-
-private:
-    std::map<std::string, double> m_Times;
-};
-
-// A second thread exists for the whole run, as in any real service (glibc's single-thread
-// shortcuts would otherwise flatter every figure).
-struct BackgroundThread {
-    std::atomic<bool> stop{false};
-    std::thread t{[this] {
-        while (!stop.load()) std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }};
-    ~BackgroundThread() {
-        stop = true;
-        t.join();
-    }
-};
-
 } // namespace
 
 int main(int argc, char** argv) {
-    BackgroundThread background;
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    CRatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    std::printf("\n");
-    for (const char* size : {"12", "40", "200"})
-        reporter.PrintRatio(std::string("BM_Build_Kel_StringVar/") + size, std::string("BM_Build_StdString/") + size);
-    reporter.PrintRatio("BM_Fresh40_Kel_TString64", "BM_Fresh40_StdString");
-    benchmark::Shutdown();
-    return 0;
+    return kelbench::RunAndReport(argc, argv, [](const kelbench::CRatioReporter& reporter) {
+        for (const char* size : {"12", "40", "200"})
+            reporter.PrintRatio(std::string("BM_Build_Kel_StringVar/") + size, std::string("BM_Build_StdString/") + size,
+                                1.0);
+        reporter.PrintRatio("BM_Fresh40_Kel_TString64", "BM_Fresh40_StdString", 0.5);
+    });
 }

@@ -3,7 +3,7 @@
 // ratios are printed at the end from the medians of the same run.
 #include <kel/kelbase.h>
 
-#include <benchmark/benchmark.h>
+#include "RatioReporter.h"
 
 #include <linux/futex.h>
 #include <sys/syscall.h>
@@ -13,9 +13,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
-#include <map>
 #include <mutex>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -214,67 +212,20 @@ void BM_CancelLatency(benchmark::State& state) {
 
 BENCHMARK(BM_CancelLatency)->UseManualTime()->Iterations(200);
 
-// Keeps the median of every benchmark for the ratio table.
-class CRatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& r : runs) {
-            if (r.run_type == Run::RT_Aggregate && r.aggregate_name != "median") continue;
-            std::string name = r.run_name.function_name;
-            m_Times[name] = r.GetAdjustedRealTime(); // aggregates come after the single runs
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-    double Get(const std::string& name) const {
-        auto it = m_Times.find(name);
-        return it == m_Times.end() ? 0.0 : it->second;
-    }
-
-private:
-    std::map<std::string, double> m_Times;
-};
-
-// A second thread exists for the whole run, as in any real service (glibc's single-thread
-// shortcuts would otherwise flatter every figure).
-struct BackgroundThread {
-    std::atomic<bool> stop{false};
-    std::thread t{[this] {
-        while (!stop.load()) std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }};
-    ~BackgroundThread() {
-        stop = true;
-        t.join();
-    }
-};
-
 } // namespace
 
 int main(int argc, char** argv) {
-    BackgroundThread background;
-    benchmark::Initialize(&argc, argv);
-    CRatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    auto ratio = [&](const char* ours, const char* peer) {
-        double a = reporter.Get(ours), b = reporter.Get(peer);
-        return (a > 0 && b > 0) ? a / b : 0.0;
-    };
-    auto rate = [&](const char* ours, const char* peer) {
-        double a = reporter.Get(ours), b = reporter.Get(peer);
-        return (a > 0 && b > 0) ? b / a : 0.0;
-    };
-    std::printf("\nRatios (medians of this run):\n");
-    std::printf("  CCriticalSection Enter/Leave / std::recursive_mutex : %.2fx time (limit 1.2)\n",
-                ratio("BM_CriticalSection_EnterLeave", "BM_StdRecursiveMutex_LockUnlock"));
-    std::printf("  CFastMutex Wait/Release / std::mutex                : %.2fx time (limit 1.5)\n",
-                ratio("BM_FastMutex_WaitRelease", "BM_StdMutex_LockUnlock"));
-    std::printf("  CEvent ping-pong round trips / mutex+condvar        : %.2fx rate (at least 1.0)\n",
-                rate("BM_PingPong_CEvent", "BM_PingPong_StdCondVar"));
-    std::printf("  CEvent ping-pong round trips / raw futex            : %.2fx rate (aim 0.7)\n",
-                rate("BM_PingPong_CEvent", "BM_PingPong_RawFutex"));
-    std::printf("  CWaiter(8) ping-pong / CEvent ping-pong             : %.2fx rate (at least 0.5)\n",
-                rate("BM_PingPong_Waiter8", "BM_PingPong_CEvent"));
-    std::printf("  CThread::Cancel to \"Thread interrupt\" (median)      : %.1f us\n",
-                reporter.Get("BM_CancelLatency") / 1000.0);
-    benchmark::Shutdown();
-    return 0;
+    return kelbench::RunAndReport(argc, argv, [](const kelbench::CRatioReporter& reporter) {
+        reporter.PrintRatio("BM_CriticalSection_EnterLeave", "BM_StdRecursiveMutex_LockUnlock", 1.2);
+        reporter.PrintRatio("BM_FastMutex_WaitRelease", "BM_StdMutex_LockUnlock", 1.5);
+        // Ping-pong figures are times per round trip: at least the peer's rate is a time ratio
+        // of at most 1.0; the raw futex's aim of 0.7 of its rate is 1/0.7 of its time; the
+        // CWaiter's floor of half the single event's rate is twice its time.
+        reporter.PrintRatio("BM_PingPong_CEvent", "BM_PingPong_StdCondVar", 1.0);
+        reporter.PrintRatio("BM_PingPong_CEvent", "BM_PingPong_RawFutex", 1.0 / 0.7);
+        reporter.PrintRatio("BM_PingPong_Waiter8", "BM_PingPong_CEvent", 2.0);
+        const double cancel = reporter.WallNanoseconds("BM_CancelLatency");
+        if (cancel > 0)
+            std::printf("CThread::Cancel to \"Thread interrupt\" (median): %.1f us\n", cancel / 1000.0);
+    });
 }
