@@ -215,7 +215,8 @@ LNGDATA& CLngFile::GetLngData() {
     if (language == 0) language = Default_Language_ID;
 
     if (m_uState.load(std::memory_order_acquire) == 1) {
-        std::lock_guard<std::mutex> lock(m_Lock);
+        Threading::CSyncGuard lock;
+        m_Lock.Enter(lock);
         if (m_uState.load(std::memory_order_relaxed) == 1) {
             m_uState.store(2, std::memory_order_relaxed);
             CCallerLog callerLog;
@@ -241,7 +242,8 @@ LNGDATA& CLngFile::GetLngData() {
     // may be changing.
     if (m_uState.load(std::memory_order_acquire) != 0) return m_Default;
 
-    std::lock_guard<std::mutex> lock(m_Lock);
+    Threading::CSyncGuard lock;
+    m_Lock.Enter(lock);
     for (size_t i = 0; i < m_nEntries; ++i) {
         if (m_pEntries[i].languageId != language) continue;
         if (i == 0) break;

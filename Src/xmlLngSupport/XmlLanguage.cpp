@@ -6,6 +6,7 @@
 #include "xmlLngSupport/XmlLanguage.h"
 
 #include <kel/Exceptions.h>
+#include <kel/FileSystem.h>
 #include <kel/Threading.h>
 #include <kel/Trace.h>
 #include <kel/Xml.h>
@@ -157,7 +158,8 @@ unsigned int CXMLLanguage::SetLanguageInfo(const std::string& filePath) {
 
 void CXMLLanguage::Load() {
     if (m_bLoaded.load(std::memory_order_acquire)) return;
-    std::lock_guard<std::mutex> lock(m_LoadLock);
+    Threading::CSyncGuard lock;
+    m_LoadLock.Enter(lock);
     if (m_bLoaded.load(std::memory_order_relaxed)) return;
     const char* fn = "KEL::Language_Support::CXMLLanguage::Load";
     KEL_TRACE(KEL_MODULE_INFO_KelLib, Trace_Nls, fn, "NLS: Loading language: %c%c")
@@ -239,9 +241,15 @@ void CXMLLanguages::Build(const boost::filesystem::path& nlsFolder) {
     std::vector<std::string> files;
     boost::system::error_code ec;
     if (boost::filesystem::is_directory(nlsFolder, ec)) {
-        for (boost::filesystem::directory_iterator it(nlsFolder, ec), end; !ec && it != end;
-             it.increment(ec)) {
-            std::string name = it->path().filename().string();
+        // Regular files (and links to them) named by two letters and ".xml".
+        std::vector<boost::filesystem::path> entries;
+        try {
+            FileSystem::CDirectory(nlsFolder, "[A-Za-z]{2}\\.xml", 1 | 4).List(entries);
+        } catch (const Exceptions::CKelException&) {
+            entries.clear(); // an unreadable folder holds no language
+        }
+        for (const boost::filesystem::path& entry : entries) {
+            std::string name = entry.filename().string();
             if (Internals::IsLanguageFileName(name)) files.push_back((nlsFolder / name).string());
         }
     }

@@ -14,6 +14,7 @@
 #pragma once
 
 #include <kel/Strings.h>
+#include <kel/Threading.h>
 
 #include <boost/filesystem/path.hpp>
 
@@ -93,7 +94,7 @@ protected:
     LNGDATA* m_pEntries;
     LNGDATA m_Default;
     std::FILE* m_pFile = nullptr;
-    std::mutex m_Lock; ///< serialises the search and the loading of entries
+    Threading::Native_OS::CCriticalSection m_Lock; ///< serialises the search and the loading of entries
     std::atomic<unsigned int> m_uState{1};
 };
 
@@ -154,7 +155,7 @@ private:
         unsigned int length;
     };
     std::atomic<bool> m_bLoaded{false};
-    std::mutex m_LoadLock;
+    Threading::Native_OS::CCriticalSection m_LoadLock;
     std::vector<unsigned int> m_Ids; ///< sorted; searched apart from the texts to stay in cache
     std::vector<LABEL> m_Labels;
     std::deque<std::string> m_Texts; ///< the translated texts the labels point at
