@@ -15,17 +15,12 @@
 using namespace KEL::Threading;
 using kel_test::Fn;
 using kel_test::kHangGuardMs;
+using kel_test::NewEvent;
 using kel_test::RaisedCode;
 
 namespace {
 constexpr unsigned int kThreadIntr = 0x2001003Au;
 constexpr unsigned int kWaitIntr = 0x2001003Bu;
-
-CEvent NewEvent(bool manual, bool state) {
-    CEvent e;
-    e.Init(manual, state);
-    return e;
-}
 
 // Runs `body` on a thread with a clean interrupt state on this (foreign) thread afterwards.
 class InterruptTest : public ::testing::Test {

@@ -21,15 +21,9 @@
 using namespace KEL::Threading;
 using kel_test::Fn;
 using kel_test::kHangGuardMs;
+using kel_test::NewEvent;
 using kel_test::RaisedCode;
 
-namespace {
-CEvent NewEvent(bool manual, bool state) {
-    CEvent e;
-    e.Init(manual, state);
-    return e;
-}
-} // namespace
 
 TEST(Thread, WaitReportsRunningThenEnded) {
     CEvent go = NewEvent(true, false);

@@ -33,6 +33,13 @@ private:
     std::atomic<int>* m_pFailed;
 };
 
+/// An initialised event (manual or auto reset, signalled or not).
+inline KEL::Threading::CEvent NewEvent(bool manual, bool state) {
+    KEL::Threading::CEvent e;
+    e.Init(manual, state);
+    return e;
+}
+
 inline KEL::Delegates_and_Calls::CDelegate Fn(std::function<void()> fn, std::atomic<int>* failed = nullptr) {
     return KEL::Delegates_and_Calls::CDelegate(new CLambdaCb(std::move(fn), failed));
 }

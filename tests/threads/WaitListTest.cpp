@@ -14,15 +14,9 @@
 
 using namespace KEL::Threading;
 using kel_test::kHangGuardMs;
+using kel_test::NewEvent;
 using kel_test::RaisedCode;
 
-namespace {
-CEvent NewEvent(bool manual, bool state) {
-    CEvent e;
-    e.Init(manual, state);
-    return e;
-}
-} // namespace
 
 TEST(WaiterLimits, SixtyFifthHandleAndWaitingOnSixtyFourRaiseMaxCount) {
     CEvent e = NewEvent(true, true);
