@@ -61,7 +61,8 @@ enum READ_MODE { RM_Normal = 0, RM_Peek = 1 };
 enum SHUTDOWN_MODE { SM_Receive = 0, SM_Send = 1, SM_Both = 2 };
 
 /// A connected TCP stream socket; waitable (`operator CWaitHandle`). One thread uses a socket
-/// at a time; others may wait on it.
+/// at a time; others may wait on it. The socket is its own wait block: a CWaiter that holds it
+/// must not outlive it.
 class KEL_API CSocket : protected Internals::Posix::CWaitCB {
 public:
     /// Status word bits.

@@ -237,6 +237,30 @@ TEST_F(SocketPair, CancelEndsASocketWaitWithThreadInterrupt) {
     EXPECT_EQ(code.load(), 0x2001003Au);
 }
 
+TEST_F(SocketPair, UserWaitInterruptEndsACompleteReadWithWaitInterrupt) {
+    KEL::Threading::CWaitInterrupt intr;
+    ASSERT_EQ(intr.Init(), 1u);
+    CEvent waiting = NewEvent(true, false);
+    std::atomic<unsigned int> code{0};
+    CThread t;
+    t.Create(Fn([&] {
+        KEL::Threading::CCurrentThread ct;
+        ct.SetWaitInterrupt(intr);
+        KEL::Threading::CSyncGuard g;
+        ct.EnableInterrupt(g, KEL::Threading::CCurrentThread::UserInterruptOnly);
+        waiting.Set();
+        char c[2];
+        code = RaisedCode([&] { m_Client.Read(c, 2); });
+        ct.SetWaitInterrupt(nullptr);
+    }));
+    ASSERT_EQ(waiting.Wait(kHangGuardMs), 1u);
+    m_Server.Write("1", 1, nullptr); // half of what the reader wants: it is inside its wait
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    intr.Set();
+    ASSERT_EQ(t.Wait(kHangGuardMs), 1u);
+    EXPECT_EQ(code.load(), 0x2001003Bu);
+}
+
 TEST(SocketUnconnected, CloseWithoutHandleDoesNothingAndIoIsRefused) {
     CSocket s;
     EXPECT_EQ(s.Close(), 1u);
