@@ -121,6 +121,12 @@ unsigned int CSocketAddr::Resolve(const Strings::CSubStringRef& host, unsigned i
     return URET_Ok;
 }
 
+CSocketAddr& CSocketAddr::Append(const CSocketAddr& other) {
+    const std::vector<sockaddr_storage> add = other.m_pEntries->list; // other may be *this
+    m_pEntries->list.insert(m_pEntries->list.end(), add.begin(), add.end());
+    return *this;
+}
+
 size_t CSocketAddr::Count() const noexcept { return m_pEntries->list.size(); }
 
 CSocketAddr CSocketAddr::operator[](size_t i) const {

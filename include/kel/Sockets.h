@@ -34,6 +34,8 @@ public:
     unsigned int Resolve(const std::string& host, unsigned int port);
     unsigned int Resolve(const Strings::CSubStringRef& host, unsigned int port);
 
+    /// Adds the entries of `other` behind this address's own (Connect tries them in order).
+    CSocketAddr& Append(const CSocketAddr& other);
     size_t Count() const noexcept;
     /// An address holding only entry `i` (empty when out of range).
     CSocketAddr operator[](size_t i) const;

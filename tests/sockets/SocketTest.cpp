@@ -175,6 +175,28 @@ TEST_F(SocketPair, StartConnectOnAConnectedSocketIsRefused) {
     EXPECT_EQ(RaisedCode([&] { m_Server.Attach(m_Client.GetNativeHandle()); }), 0x20010020u);
 }
 
+TEST_F(SocketPair, ConnectTriesTheAddressesInOrderUntilOneAnswers) {
+    // Nobody listens on the IPv6 loopback at this port (the listener is IPv4 only).
+    CSocketAddr list, v4;
+    list.Resolve(std::string("::1"), m_nPort);
+    v4.Resolve(std::string("127.0.0.1"), m_nPort);
+    list.Append(v4).Append(v4);
+    ASSERT_EQ(list.Count(), 3u);
+    EXPECT_TRUE(list[1] == v4);
+    CSocket s;
+    EXPECT_EQ(s.Connect(list), 1u);
+    EXPECT_EQ(s.GetPeerAddr().GetFamily(), v4.GetFamily());
+    EXPECT_EQ(s.GetSocketError(), 0u);
+    EXPECT_EQ(RaisedCode([&] { s.Connect(list); }), 0x20010020u);
+}
+
+TEST_F(SocketPair, WaitAllOverASocketIsRefused) {
+    CEvent ev = NewEvent(true, true);
+    CWaiter w;
+    w << ev << m_Client;
+    EXPECT_EQ(RaisedCode([&] { w.Wait(0, true); }), 0x20010037u);
+}
+
 TEST_F(SocketPair, AcceptWithNothingPendingWouldBlockAndRawAcceptGivesAHandle) {
     unsigned long long raw = CSocket::kNoHandle;
     EXPECT_EQ(m_Listener.Accept(raw), 131u);
