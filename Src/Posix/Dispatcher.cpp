@@ -492,6 +492,65 @@ unsigned int WaitForObjects(CWaitContext& self, unsigned int count, CDispatcher*
     return result;
 }
 
+unsigned int WaitForObjectsOrDescriptors(CWaitContext& self, unsigned int count, CDispatcher* const* objects,
+                                         pollfd* fds, unsigned int fdCount, unsigned int timeoutMs) noexcept {
+    if (fdCount == 0) return WaitForObjects(self, count, objects, false, timeoutMs, true);
+    if (count + fdCount > kMaxWaitObjects) {
+        errno = EINVAL;
+        return WR_Failed;
+    }
+    CWaitEntry entries[kMaxWaitObjects];
+    CWaiterRec w{&self, objects, entries, count, false};
+    unsigned int result = WR_Failed;
+    {
+        std::lock_guard<CDispatchLock> hold(g_DispatchLock);
+        if (count != 0) result = CEngine::TrySatisfy(w);
+        if (result == WR_Failed) {
+            if (self.m_uParker.load(std::memory_order_acquire) & CWaitContext::PW_Alert) {
+                self.m_uParker.fetch_and(~CWaitContext::PW_Alert, std::memory_order_acq_rel);
+                for (unsigned int i = 0; i < count; ++i) CEngine::UpdateWaitersBit(objects[i]);
+                return WR_IoCompletion;
+            }
+            self.m_uParker.fetch_and(CWaitContext::PW_Alert | CWaitContext::PW_Polling, std::memory_order_relaxed);
+            for (unsigned int i = 0; i < count; ++i) {
+                entries[i].waiter = &w;
+                entries[i].object = objects[i];
+                entries[i].index = i;
+                objects[i]->m_Waiters.Add(entries[i]);
+                CEngine::UpdateWaitersBit(objects[i]);
+            }
+            if (count != 0) {
+                result = CEngine::TrySatisfy(w);
+                if (result != WR_Failed) CEngine::Dequeue(w);
+            }
+        }
+        for (unsigned int i = 0; i < count; ++i) CEngine::UpdateWaitersBit(objects[i]);
+    }
+    if (result == WR_Failed) {
+        // A descriptor that is ready already ends the wait in the first poll, so a time-out of
+        // 0 still reports it.
+        for (unsigned int i = 0; i < fdCount; ++i) fds[i].revents = 0;
+        uint32_t bits = ParkWithDescriptors(self, Deadline(timeoutMs), fds, fdCount);
+        if (!(bits & CWaitContext::PW_Wake) && count != 0) {
+            std::lock_guard<CDispatchLock> hold(g_DispatchLock);
+            bits = self.m_uParker.load(std::memory_order_acquire);
+            if (!(bits & CWaitContext::PW_Wake)) CEngine::Dequeue(w);
+        }
+        if (bits & CWaitContext::PW_Wake) {
+            result = (bits >> CWaitContext::PW_ResultShift) - 1;
+        } else if (bits & CWaitContext::PW_Alert) {
+            self.m_uParker.fetch_and(~CWaitContext::PW_Alert, std::memory_order_acq_rel);
+            return WR_IoCompletion;
+        } else {
+            for (unsigned int i = 0; i < fdCount; ++i)
+                if (fds[i].revents != 0) return WR_Object0 + count + i;
+            return WR_Timeout;
+        }
+    }
+    NoteOwnership(self, objects, count, false, result);
+    return result;
+}
+
 unsigned int SleepAlertable(CWaitContext& self, unsigned int timeoutMs) noexcept {
     if (self.m_uParker.load(std::memory_order_acquire) & CWaitContext::PW_Alert) {
         self.m_uParker.fetch_and(~CWaitContext::PW_Alert, std::memory_order_acq_rel);

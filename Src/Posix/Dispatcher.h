@@ -110,6 +110,8 @@ private:
     friend struct CEngine;
     friend unsigned int WaitForObjects(CWaitContext&, unsigned int, CDispatcher* const*, bool, unsigned int,
                                        bool) noexcept;
+    friend unsigned int WaitForObjectsOrDescriptors(CWaitContext&, unsigned int, CDispatcher* const*, pollfd*,
+                                                    unsigned int, unsigned int) noexcept;
     explicit CDispatcher(TYPE type) noexcept;
     ~CDispatcher();
 
@@ -130,6 +132,11 @@ private:
 /// WR_Failed with errno EINVAL for no objects, too many, or a duplicate in a wait-all.
 unsigned int WaitForObjects(CWaitContext& self, unsigned int count, CDispatcher* const* objects, bool waitAll,
                             unsigned int timeoutMs, bool alertable) noexcept;
+
+/// WaitForObjects (any, alertable) that also polls `fds`: WR_Object0 + count + i when descriptor
+/// i became ready first (its revents say how), objects taking precedence. `count` may be 0.
+unsigned int WaitForObjectsOrDescriptors(CWaitContext& self, unsigned int count, CDispatcher* const* objects,
+                                         pollfd* fds, unsigned int fdCount, unsigned int timeoutMs) noexcept;
 
 /// Parks for `timeoutMs` (or until an alert): WR_Timeout or WR_IoCompletion.
 unsigned int SleepAlertable(CWaitContext& self, unsigned int timeoutMs) noexcept;

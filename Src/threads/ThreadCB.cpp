@@ -11,6 +11,7 @@
 #include <kel/Trace.h>
 
 #include <cerrno>
+#include <poll.h>
 
 namespace KEL {
 namespace Internals {
@@ -265,18 +266,40 @@ unsigned int CThreadCB::Wait(CWaitList& list, unsigned int timeout, bool waitAll
     const size_t count = list.Count();
     if (count >= Posix::kMaxWaitObjects) KEL_RAISE(0x20010036u, "Max count reached (count=%d)", count);
     ThrowIfInterrupted();
+    // Dispatcher objects go to the engine, blocks with a descriptor (sockets) are polled
+    // beside the parker; `where` maps both back to list positions.
     Posix::CDispatcher* objects[Posix::kMaxWaitObjects];
+    pollfd fds[Posix::kMaxWaitObjects];
+    unsigned int where[Posix::kMaxWaitObjects];
+    unsigned int nObjects = 0;
+    unsigned int nFds = 0;
     for (size_t i = 0; i < count; ++i) {
         Posix::CWaitCB* cb = list[i].GetCB();
-        objects[i] = cb ? cb->GetHandle() : nullptr;
-        if (!objects[i]) KEL_RAISE(0x20010037u, "Invalid handle (index=%d)", i);
-        if (list[i].GetMask() != 0) cb->SetMask(list[i].GetMask());
+        if (cb && list[i].GetMask() != 0) cb->SetMask(list[i].GetMask());
+        if (cb && cb->GetHandle()) {
+            objects[nObjects++] = cb->GetHandle();
+        } else if (cb && cb->GetPollFd() >= 0 && !waitAll) {
+            fds[nFds].fd = cb->GetPollFd();
+            fds[nFds].events = cb->GetPollEvents();
+            fds[nFds].revents = 0;
+            ++nFds;
+        } else {
+            KEL_RAISE(0x20010037u, "Invalid handle (index=%d)", i);
+        }
+    }
+    {
+        unsigned int o = 0, f = nObjects;
+        for (size_t i = 0; i < count; ++i) {
+            Posix::CWaitCB* cb = list[i].GetCB();
+            where[cb->GetHandle() ? o++ : f++] = static_cast<unsigned int>(i);
+        }
     }
     const unsigned long long start = timeout != 0xFFFFFFFFu ? Functions::GetTickTime(1000) : 0;
     unsigned int remaining = timeout;
     unsigned int r;
     for (;;) {
-        r = Posix::WaitForObjects(m_WaitContext, static_cast<unsigned int>(count), objects, waitAll, remaining, true);
+        r = nFds == 0 ? Posix::WaitForObjects(m_WaitContext, nObjects, objects, waitAll, remaining, true)
+                      : Posix::WaitForObjectsOrDescriptors(m_WaitContext, nObjects, objects, fds, nFds, remaining);
         if (r == Posix::WR_Timeout) return URET_Timeout;
         if (r == Posix::WR_Failed) ThrowWaitFailed();
         if (r != Posix::WR_IoCompletion) break;
@@ -284,13 +307,16 @@ unsigned int CThreadCB::Wait(CWaitList& list, unsigned int timeout, bool waitAll
         if (remaining == 0xFFFFFFFFu) continue;
         if (!ShrinkRemaining(start, remaining)) return URET_Timeout;
     }
+    for (unsigned int k = 0; k < nFds; ++k) list[where[nObjects + k]].GetCB()->SetPollResult(fds[k].revents);
     const bool masked = list.MaskedCount() != 0;
     if (masked && waitAll) {
         for (size_t i = 0; i < count; ++i)
             if (list[i].GetMask() != 0) list[i].GetCB()->SignaledAfterWait(list[i].GetMask());
     }
-    const unsigned int n = r >= Posix::WR_Abandoned0 ? r - Posix::WR_Abandoned0 : r - Posix::WR_Object0;
-    if (masked && !waitAll) list[n].GetCB()->SignaledAfterWait(list[n].GetMask());
+    const unsigned int k = r >= Posix::WR_Abandoned0 && r < Posix::WR_IoCompletion ? r - Posix::WR_Abandoned0
+                                                                                    : r - Posix::WR_Object0;
+    const unsigned int n = where[k];
+    if (masked && !waitAll && list[n].GetMask() != 0) list[n].GetCB()->SignaledAfterWait(list[n].GetMask());
     return n + 1;
 }
 

@@ -47,8 +47,8 @@ class CDispatcher;
 class CWaitInterruptCB;
 
 /// Base of every waitable control block. Its reference count starts at 1; `m_pHandle` is the
-/// dispatcher object, null until the block is initialised (a block without one cannot join a
-/// list wait).
+/// dispatcher object, null until the block is initialised. A block without one joins a list wait
+/// through a poll descriptor instead (`m_iPollFd`, sockets), when it has one.
 class KEL_API CWaitCB : public Threading::CSyncCounter {
 public:
     CWaitCB() noexcept : CSyncCounter(1) {}
@@ -63,6 +63,11 @@ public:
     virtual unsigned int SignaledAfterWait(unsigned int mask);
 
     CDispatcher* GetHandle() const noexcept { return m_pHandle; }
+    /// The descriptor a list wait polls for a block without dispatcher object (-1: none), the
+    /// poll events SetMask chose, and what the last wait saw on it (for SignaledAfterWait).
+    int GetPollFd() const noexcept { return m_iPollFd; }
+    short GetPollEvents() const noexcept { return m_sPollEvents; }
+    void SetPollResult(short revents) noexcept { m_sPollResult = revents; }
     void AddRef() noexcept { Incr(); }
     /// Drops a reference; deletes the block at 0.
     void DropRef() noexcept {
@@ -71,6 +76,9 @@ public:
 
 protected:
     CDispatcher* m_pHandle = nullptr;
+    int m_iPollFd = -1;
+    short m_sPollEvents = 0;
+    short m_sPollResult = 0;
 };
 
 class KEL_API CEventCB : public CWaitCB {

@@ -18,6 +18,7 @@
 #include <kel/IniFiles.h>
 #include <kel/FileSystem.h>
 #include <kel/Json.h>
+#include <kel/Sockets.h>
 #include <kel/Ssl.h>
 #include <kel/Crypt.h>
 #include <kel/Cas.h>
