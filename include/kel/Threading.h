@@ -615,7 +615,8 @@ private:
     Native_OS::CFastEvent m_Event;
     unsigned int m_uMaxThreads = 0;
     unsigned int m_uMinThreads = 0;
-    unsigned int m_uIdleTime = 0;
+    /// Read by idle workers without the lock (SetIdleTime may change it at any time).
+    std::atomic<unsigned int> m_uIdleTime{0};
     unsigned int m_uThreads = 0;
     unsigned int m_uIdleThreads = 0;
     unsigned int m_uStopReq = 1;
