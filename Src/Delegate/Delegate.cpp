@@ -4,6 +4,7 @@
 // is recorded in the block instead of travelling on.
 #define KEL_SOURCE_FILE "Src/Delegate"
 #include <kel/Delegates.h>
+#include <kel/Threading.h>
 #include <kel/Trace.h>
 
 namespace KEL {
@@ -62,6 +63,25 @@ unsigned int CDelegate::GetError(Exceptions::CErrorLog& log) const {
     }
     log.Clear();
     return 0;
+}
+
+// ---- CWaitableCall ---------------------------------------------------------------------------
+
+unsigned int CWaitableCall::Init(CCbHead* block) {
+    Reset(block);
+    // Signalled at the start: a call that was never handed over has no run to wait for.
+    return block->m_Event.Init(false, true);
+}
+
+CWaitableCall::operator Threading::CWaitHandle() const noexcept {
+    const CCbHead* block = static_cast<const CCbHead*>(GetCB());
+    return block ? static_cast<Threading::CWaitHandle>(block->m_Event) : Threading::CWaitHandle();
+}
+
+unsigned int CWaitableCall::Wait(unsigned int timeout) {
+    Threading::CWaiter waiter;
+    waiter << static_cast<Threading::CWaitHandle>(*this);
+    return waiter.Wait(timeout, false);
 }
 
 } // namespace Delegates_and_Calls

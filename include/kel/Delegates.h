@@ -15,6 +15,9 @@
 
 #include <kel/Exceptions.h>
 
+#include <type_traits>
+#include <utility>
+
 namespace KEL {
 namespace Threading {
 /// An atomic signed 32-bit counter; the reference count of every counted block.
@@ -120,6 +123,8 @@ public:
         virtual void Call() = 0;
         /// Called after a run ended with a library exception, once the log is recorded.
         virtual void Failed() {}
+        /// Called when the call is handed to another thread to run (a thread pool's Enqueue).
+        virtual void HandedOver() {}
         /// The error of the last run (empty after a normal run).
         Exceptions::CErrorLog m_ErrorLog;
     };
@@ -146,6 +151,10 @@ public:
     unsigned int GetError(Exceptions::CErrorLog& log) const;
     /// Drops the reference and empties the handle.
     void Release() noexcept;
+    /// Tells the block that the call is handed to another thread to run.
+    void HandOver() {
+        if (m_pCB) m_pCB->HandedOver();
+    }
 
 protected:
     friend class Internals::CThreadCB;
@@ -197,6 +206,26 @@ public:
         Init(new CCb<C>(object, fn));
     }
 };
+
+/// Binds any callable into a CCall.
+template <class F> class TFunctionCall : public CCall {
+public:
+    class CCb : public CCbHead {
+    public:
+        explicit CCb(F fn) : m_Fn(std::move(fn)) {}
+        void Call() override { m_Fn(); }
+
+    private:
+        F m_Fn;
+    };
+    explicit TFunctionCall(F fn) { Init(new CCb(std::move(fn))); }
+};
+
+/// Binds any callable (a lambda, a function object, a function pointer) into a counted
+/// delegate: `pool.Enqueue(MakeDelegate([&] { ... }));`.
+template <class F> TFunctionCall<std::decay_t<F>> MakeDelegate(F&& fn) {
+    return TFunctionCall<std::decay_t<F>>(std::forward<F>(fn));
+}
 
 } // namespace Delegates_and_Calls
 } // namespace KEL

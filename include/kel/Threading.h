@@ -28,6 +28,7 @@
 #include <kel/Misc.h>
 
 #include <atomic>
+#include <initializer_list>
 #include <cstdint>
 
 namespace KEL {
@@ -575,6 +576,190 @@ private:
     CWaitInterrupt m_Interrupt;
     CWaitInterrupt m_Previous;
     unsigned int m_uSavedMask = 0xFFFFFFFF;
+};
+
+/// Runs CDelegate jobs on worker threads that grow on demand up to a maximum (the pool may hold
+/// one worker more) and end after an idle time. The pool refuses work (0x2001003d "Pool not
+/// initialized") until Init and after Stop. Every step is traced under bit 0x20.
+class KEL_API CThreadPool : public Native_OS::CCriticalSection {
+public:
+    class CPoolThread;
+    class CJob;
+
+    CThreadPool() noexcept = default;
+    /// Stops the pool and drops the jobs still queued.
+    ~CThreadPool() override;
+    CThreadPool(const CThreadPool&) = delete;
+    CThreadPool& operator=(const CThreadPool&) = delete;
+
+    /// Opens the pool: `maxThreads` 0 means no limit. 0x2001003c "Pool already initialized"
+    /// while it is open; a stopped pool may be opened again. Returns 1.
+    unsigned int Init(unsigned int minThreads, unsigned int maxThreads, unsigned int idleTimeMs);
+    /// Idle time of the next idle waits; 0x2001003d while the pool is not open. Returns 1.
+    unsigned int SetIdleTime(unsigned int ms);
+    /// Hands `job` to an idle or a new worker, or queues it when the pool is full. Returns 1;
+    /// 0x2001003d while the pool is not open.
+    unsigned int Enqueue(Delegates_and_Calls::CDelegate job);
+    /// Closes the pool, interrupts idle workers and waits until every worker has ended; jobs
+    /// still queued are dropped. A pool without workers stays open. Returns 1.
+    unsigned int Stop();
+
+    /// Workers not yet reaped, idle workers and queued jobs (read under the pool lock).
+    unsigned int GetThreadCount();
+    unsigned int GetIdleCount();
+    unsigned int GetQueuedJobCount();
+
+protected:
+    /// Runs one job on the calling worker; a failing job is logged in its delegate and the
+    /// worker goes on.
+    virtual unsigned int Run(Delegates_and_Calls::CDelegate& job);
+
+private:
+    friend class CPoolThread;
+    /// Unlinks and deletes the workers that have left; called under the lock.
+    void Reap();
+    void DropQueuedJobs() noexcept;
+
+    Native_OS::CFastEvent m_Event;
+    unsigned int m_uMaxThreads = 0;
+    unsigned int m_uMinThreads = 0;
+    /// Read by idle workers without the lock (SetIdleTime may change it at any time).
+    std::atomic<unsigned int> m_uIdleTime{0};
+    unsigned int m_uThreads = 0;
+    unsigned int m_uIdleThreads = 0;
+    unsigned int m_uStopReq = 1;
+    Misc::TDoubleLinkHead<CPoolThread> m_IdleQueue;
+    Misc::TDoubleLinkHead<CPoolThread> m_RunningQueue;
+    Misc::TDoubleLinkHead<CPoolThread> m_DeleteQueue;
+    Misc::TDoubleLinkHead<CJob> m_JobQueue;
+};
+
+} // namespace Threading
+
+namespace Delegates_and_Calls {
+
+/// A counted delegate whose block carries an auto-reset event that starts signalled, so that a
+/// CWaiter can wait for the end of a run. The event is reset when the call is handed over
+/// (CThreadPool::Enqueue, or Arm() before any other hand-over) and set once the run has ended
+/// and its error is recorded; "enqueue, then Wait" therefore never sees a stale signal.
+/// Waiting consumes the signal (auto reset): one Wait per run.
+class KEL_API CWaitableCall : public CDelegate {
+public:
+    class KEL_API CCbHead : public CCbBase {
+    public:
+        void HandedOver() override { m_Event.Reset(); }
+        void Failed() override { m_Event.Set(); }
+        Threading::CEvent m_Event;
+    };
+    CWaitableCall() noexcept = default;
+    /// A handle (mask 0) on the event, for a CWaiter.
+    operator Threading::CWaitHandle() const noexcept;
+    /// 1 once the run has ended (or when no run is pending), 130 on time-out.
+    unsigned int Wait(unsigned int timeout = 0xFFFFFFFF);
+    /// Resets the event: call before handing the call to something other than the pool.
+    void Arm() { HandOver(); }
+
+protected:
+    /// Installs `block` (dropping a previous one) with its event signalled; the event's Init
+    /// status.
+    unsigned int Init(CCbHead* block);
+};
+
+/// Binds any callable into a CWaitableCall.
+template <class F> class TWaitableFunction : public CWaitableCall {
+public:
+    class CCb : public CCbHead {
+    public:
+        explicit CCb(F fn) : m_Fn(std::move(fn)) {}
+        void Call() override {
+            try {
+                m_Fn();
+            } catch (const Exceptions::CKelException&) {
+                throw; // recorded by the caller, then Failed() signals
+            } catch (...) {
+                m_Event.Set();
+                throw;
+            }
+            m_Event.Set();
+        }
+
+    private:
+        F m_Fn;
+    };
+    explicit TWaitableFunction(F fn) { Init(new CCb(std::move(fn))); }
+};
+
+/// Binds any callable into a waitable call: `auto call = MakeWaitableCall([&] { ... });`.
+template <class F> TWaitableFunction<std::decay_t<F>> MakeWaitableCall(F&& fn) {
+    return TWaitableFunction<std::decay_t<F>>(std::forward<F>(fn));
+}
+
+} // namespace Delegates_and_Calls
+
+namespace Threading {
+
+/// An owning pointer that moves: moving takes the object and leaves the source empty.
+template <class T> class TMovablePtr {
+public:
+    TMovablePtr() noexcept = default;
+    explicit TMovablePtr(T* p) noexcept : m_p(p) {}
+    TMovablePtr(TMovablePtr&& other) noexcept : m_p(other.m_p) { other.m_p = nullptr; }
+    TMovablePtr& operator=(TMovablePtr&& other) noexcept {
+        if (this != &other) {
+            delete m_p;
+            m_p = other.m_p;
+            other.m_p = nullptr;
+        }
+        return *this;
+    }
+    TMovablePtr(const TMovablePtr&) = delete;
+    TMovablePtr& operator=(const TMovablePtr&) = delete;
+    ~TMovablePtr() { delete m_p; }
+    T* operator->() const noexcept { return m_p; }
+    T& operator*() const noexcept { return *m_p; }
+    T* get() const noexcept { return m_p; }
+
+private:
+    T* m_p = nullptr;
+};
+
+namespace CEventHandlerNS {
+namespace wait_forNS {
+/// The outcome of CEventHandler::wait_for: the id consumed, or { false, 0x7FFFFFFF } on time-out.
+struct TResult {
+    TResult() noexcept = default;
+    TResult(bool isSignalled, int id) noexcept : signalled(isSignalled), event(id) {}
+    bool signalled = false;
+    int event = 0x7FFFFFFF;
+};
+} // namespace wait_forNS
+} // namespace CEventHandlerNS
+
+/// A counting event mailbox on the standard mutex and condition variable (neither alertable nor
+/// interruptible). Every post of an id is counted and consumed once. Errors of the standard
+/// primitives leave as std::system_error.
+class KEL_API CEventHandler {
+public:
+    class CEventHandlerImpl;
+    CEventHandler();
+    virtual ~CEventHandler();
+    CEventHandler(CEventHandler&& other) noexcept;
+    CEventHandler& operator=(CEventHandler&& other) noexcept;
+    CEventHandler(const CEventHandler&) = delete;
+    CEventHandler& operator=(const CEventHandler&) = delete;
+
+    /// Counts one post of `event` and wakes one waiter. A woken waiter that wants none of the
+    /// pending ids goes back to sleep, so consumers of disjoint id sets should use one handler
+    /// each.
+    void notifyOne(int event);
+    /// Consumes one post of the first id of `events` that is pending (the list order is the
+    /// priority), waiting up to `timeoutMs`. 0, or a value with the top bit set, checks once
+    /// without waiting.
+    CEventHandlerNS::wait_forNS::TResult wait_for(const std::initializer_list<int>& events,
+                                                  unsigned long long timeoutMs);
+
+private:
+    TMovablePtr<CEventHandlerImpl> m_pImpl;
 };
 
 } // namespace Threading

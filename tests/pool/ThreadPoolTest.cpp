@@ -1,0 +1,323 @@
+// Tests of the thread pool: its life cycle, growth, idle time-out, Stop and a stress run.
+#include <kel/Delegates.h>
+#include <kel/Exceptions.h>
+#include <kel/Threading.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <thread>
+#include <vector>
+
+using KEL::Delegates_and_Calls::CDelegate;
+using KEL::Delegates_and_Calls::MakeDelegate;
+using KEL::Delegates_and_Calls::MakeWaitableCall;
+using KEL::Threading::CThreadPool;
+
+namespace {
+
+/// Runs `body` with throw mode on and returns the status it raised (0 when none).
+template <class F> unsigned int RaisedCode(F&& body) {
+    unsigned int old = KEL::Threading::CThrowState::SetThrow(1);
+    unsigned int code = 0;
+    try {
+        body();
+    } catch (const KEL::Exceptions::CKelException& e) {
+        code = e.GetCode();
+    }
+    KEL::Threading::CThrowState::SetThrow(old);
+    return code;
+}
+
+/// Spins (hang guard 30 s) until `cond` holds.
+bool Eventually(const std::function<bool()>& cond) {
+    for (int i = 0; i < 30000; ++i) {
+        if (cond()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return cond();
+}
+
+/// A latch a job can block on until the test opens it.
+struct Gate {
+    std::atomic<bool> open{false};
+    void Pass() const {
+        Eventually([this] { return open.load(); });
+    }
+};
+
+} // namespace
+
+TEST(ThreadPoolLifecycle, RefusesWorkBeforeInit) {
+    CThreadPool pool;
+    EXPECT_EQ(RaisedCode([&] { pool.Enqueue(MakeDelegate([] {})); }), 0x2001003Du);
+    EXPECT_EQ(RaisedCode([&] { pool.SetIdleTime(10); }), 0x2001003Du);
+    // Without throw mode the boundary returns the status.
+    EXPECT_EQ(pool.Enqueue(MakeDelegate([] {})), 0x2001003Du);
+}
+
+TEST(ThreadPoolLifecycle, SecondInitIsRefusedButAStoppedPoolReopens) {
+    CThreadPool pool;
+    ASSERT_EQ(pool.Init(0, 1, 60000), 1u);
+    EXPECT_EQ(RaisedCode([&] { pool.Init(0, 1, 60000); }), 0x2001003Cu);
+    std::atomic<int> ran{0};
+    ASSERT_EQ(pool.Enqueue(MakeDelegate([&] { ++ran; })), 1u);
+    ASSERT_TRUE(Eventually([&] { return ran == 1; }));
+    EXPECT_EQ(pool.Stop(), 1u);
+    EXPECT_EQ(pool.GetThreadCount(), 0u);
+    EXPECT_EQ(RaisedCode([&] { pool.Enqueue(MakeDelegate([] {})); }), 0x2001003Du);
+    EXPECT_EQ(pool.Stop(), 1u);
+    ASSERT_EQ(pool.Init(0, 1, 60000), 1u);
+    ASSERT_EQ(pool.Enqueue(MakeDelegate([&] { ++ran; })), 1u);
+    EXPECT_TRUE(Eventually([&] { return ran == 2; }));
+}
+
+TEST(ThreadPoolLifecycle, StopWithoutWorkersKeepsThePoolOpen) {
+    CThreadPool pool;
+    ASSERT_EQ(pool.Init(0, 0, 60000), 1u);
+    EXPECT_EQ(pool.Stop(), 1u);
+    std::atomic<int> ran{0};
+    EXPECT_EQ(pool.Enqueue(MakeDelegate([&] { ++ran; })), 1u);
+    EXPECT_TRUE(Eventually([&] { return ran == 1; }));
+    EXPECT_EQ(pool.SetIdleTime(5), 1u);
+}
+
+TEST(ThreadPoolGrowth, HoldsOneWorkerMoreThanTheMaximumThenQueues) {
+    CThreadPool pool;
+    ASSERT_EQ(pool.Init(0, 1, 60000), 1u);
+    Gate gate;
+    std::atomic<int> started{0}, done{0};
+    auto job = [&] {
+        ++started;
+        gate.Pass();
+        ++done;
+    };
+    pool.Enqueue(MakeDelegate(job));
+    pool.Enqueue(MakeDelegate(job));
+    ASSERT_TRUE(Eventually([&] { return started == 2; }));
+    EXPECT_EQ(pool.GetThreadCount(), 2u);
+    pool.Enqueue(MakeDelegate(job));
+    EXPECT_EQ(pool.GetThreadCount(), 2u);
+    EXPECT_EQ(pool.GetQueuedJobCount(), 1u);
+    EXPECT_EQ(started.load(), 2);
+    gate.open = true;
+    ASSERT_TRUE(Eventually([&] { return done == 3; }));
+    EXPECT_EQ(pool.GetQueuedJobCount(), 0u);
+    EXPECT_EQ(pool.Stop(), 1u);
+}
+
+TEST(ThreadPoolGrowth, IdleWorkerIsReusedInsteadOfANewOne) {
+    CThreadPool pool;
+    ASSERT_EQ(pool.Init(0, 0, 60000), 1u);
+    for (int i = 0; i < 5; ++i) {
+        auto call = MakeWaitableCall([] {});
+        ASSERT_EQ(pool.Enqueue(call), 1u);
+        ASSERT_EQ(call.Wait(30000), 1u);
+        ASSERT_TRUE(Eventually([&] { return pool.GetIdleCount() == 1; }));
+        EXPECT_EQ(pool.GetThreadCount(), 1u);
+    }
+}
+
+TEST(ThreadPoolIdle, TimedOutWorkerEndsWhateverTheMinimumAndIsReapedByEnqueue) {
+    CThreadPool pool;
+    ASSERT_EQ(pool.Init(5, 0, 20), 1u);
+    std::atomic<int> ran{0};
+    pool.Enqueue(MakeDelegate([&] { ++ran; }));
+    ASSERT_TRUE(Eventually([&] { return ran == 1; }));
+    // It goes idle, times out and waits in the delete queue: still counted until reaped.
+    ASSERT_TRUE(Eventually([&] { return pool.GetIdleCount() == 1; }));
+    ASSERT_TRUE(Eventually([&] { return pool.GetIdleCount() == 0; }));
+    EXPECT_EQ(pool.GetThreadCount(), 1u);
+    pool.SetIdleTime(60000);
+    pool.Enqueue(MakeDelegate([&] { ++ran; }));
+    EXPECT_EQ(pool.GetThreadCount(), 1u); // one reaped, one created
+    EXPECT_TRUE(Eventually([&] { return ran == 2; }));
+}
+
+TEST(ThreadPoolIdle, MinimumDecidesWhetherAFinishedWorkerStaysIdle) {
+    for (unsigned int minThreads : {0u, 1u}) {
+        CThreadPool pool;
+        ASSERT_EQ(pool.Init(minThreads, 0, 60000), 1u);
+        Gate gate;
+        std::atomic<int> started{0}, done{0};
+        auto job = [&] {
+            ++started;
+            gate.Pass();
+            ++done;
+        };
+        pool.Enqueue(MakeDelegate(job));
+        pool.Enqueue(MakeDelegate(job));
+        ASSERT_TRUE(Eventually([&] { return started == 2; }));
+        gate.open = true;
+        ASSERT_TRUE(Eventually([&] { return done == 2; }));
+        // min 0: the second finisher sees one idle worker (1 > 0) and leaves; min 1 keeps both.
+        unsigned int expectIdle = minThreads + 1;
+        ASSERT_TRUE(Eventually([&] { return pool.GetIdleCount() == expectIdle; })) << "min " << minThreads;
+        EXPECT_EQ(pool.GetThreadCount(), 2u);
+        EXPECT_EQ(pool.Stop(), 1u);
+        EXPECT_EQ(pool.GetThreadCount(), 0u);
+    }
+}
+
+TEST(ThreadPoolJobs, FailingJobIsLoggedInItsDelegateAndTheWorkerGoesOn) {
+    CThreadPool pool;
+    ASSERT_EQ(pool.Init(0, 0, 60000), 1u);
+    auto bad = MakeWaitableCall([] { KEL_RAISE(0x20010036u, "Maximum buff size (%d) already reached", 3); });
+    ASSERT_EQ(pool.Enqueue(bad), 1u);
+    ASSERT_EQ(bad.Wait(30000), 1u);
+    EXPECT_EQ(bad.GetError(), 0x20010036u);
+    ASSERT_TRUE(Eventually([&] { return pool.GetIdleCount() == 1; }));
+    auto foreign = MakeWaitableCall([] { throw 42; });
+    ASSERT_EQ(pool.Enqueue(foreign), 1u);
+    ASSERT_EQ(foreign.Wait(30000), 1u);
+    // The call signals before its worker is back in the idle queue.
+    ASSERT_TRUE(Eventually([&] { return pool.GetIdleCount() == 1; }));
+    auto good = MakeWaitableCall([] {});
+    ASSERT_EQ(pool.Enqueue(good), 1u);
+    ASSERT_EQ(good.Wait(30000), 1u);
+    EXPECT_EQ(good.GetError(), 0u);
+    EXPECT_EQ(pool.GetThreadCount(), 1u);
+}
+
+TEST(ThreadPoolStop, CancelsIdleWorkersAndWaitsForRunningOnes) {
+    CThreadPool pool;
+    ASSERT_EQ(pool.Init(3, 0, 600000), 1u);
+    Gate gate;
+    std::atomic<int> started{0}, done{0};
+    for (int i = 0; i < 3; ++i)
+        pool.Enqueue(MakeDelegate([&] {
+            ++started;
+            gate.Pass();
+            ++done;
+        }));
+    ASSERT_TRUE(Eventually([&] { return started == 3; }));
+    gate.open = true;
+    ASSERT_TRUE(Eventually([&] { return pool.GetIdleCount() == 3; }));
+    Gate slow;
+    std::atomic<bool> slowStarted{false};
+    pool.Enqueue(MakeDelegate([&] {
+        slowStarted = true;
+        slow.Pass();
+        ++done;
+    }));
+    ASSERT_TRUE(Eventually([&] { return slowStarted.load(); }));
+    std::thread opener([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        slow.open = true;
+    });
+    EXPECT_EQ(pool.Stop(), 1u);
+    opener.join();
+    EXPECT_EQ(done.load(), 4);
+    EXPECT_EQ(pool.GetThreadCount(), 0u);
+    EXPECT_EQ(pool.GetIdleCount(), 0u);
+}
+
+TEST(ThreadPoolStop, QueuedJobsAreDroppedAndReleased) {
+    auto alive = std::make_shared<int>(0);
+    std::weak_ptr<int> watch = alive;
+    {
+        CThreadPool pool;
+        ASSERT_EQ(pool.Init(0, 1, 60000), 1u);
+        Gate gate;
+        std::atomic<int> started{0};
+        for (int i = 0; i < 2; ++i)
+            pool.Enqueue(MakeDelegate([&] {
+                ++started;
+                gate.Pass();
+            }));
+        ASSERT_TRUE(Eventually([&] { return started == 2; }));
+        pool.Enqueue(MakeDelegate([keep = std::move(alive)] { (void)keep; }));
+        EXPECT_EQ(pool.GetQueuedJobCount(), 1u);
+        std::thread opener([&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            gate.open = true;
+        });
+        pool.Stop();
+        opener.join();
+    }
+    EXPECT_TRUE(watch.expired());
+}
+
+namespace {
+
+/// A job that counts its runs in a slot and its destruction.
+class CCountingCb : public KEL::Delegates_and_Calls::CDelegate::CCbBase {
+public:
+    CCountingCb(std::atomic<int>* slot, std::atomic<int>* destroyed)
+        : m_pSlot(slot), m_pDestroyed(destroyed) {}
+    ~CCountingCb() override { m_pDestroyed->fetch_add(1); }
+    void Call() override { m_pSlot->fetch_add(1); }
+
+private:
+    std::atomic<int>* m_pSlot;
+    std::atomic<int>* m_pDestroyed;
+};
+
+} // namespace
+
+TEST(ThreadPoolStress, ManyProducersWhileWorkersIdleOutAndStopRuns) {
+    constexpr int kProducers = 4, kPerProducer = 3000, kJobs = kProducers * kPerProducer;
+    std::vector<std::atomic<int>> runs(kJobs);
+    std::vector<std::atomic<int>> accepted(kJobs);
+    std::atomic<int> destroyed{0};
+    {
+        CThreadPool pool;
+        ASSERT_EQ(pool.Init(0, 2, 1), 1u);
+        std::atomic<int> produced{0};
+        std::vector<std::thread> producers;
+        for (int p = 0; p < kProducers; ++p)
+            producers.emplace_back([&, p] {
+                for (int i = 0; i < kPerProducer; ++i) {
+                    int id = p * kPerProducer + i;
+                    if (pool.Enqueue(CDelegate(new CCountingCb(&runs[id], &destroyed))) == 1u)
+                        accepted[id] = 1;
+                    ++produced;
+                    // Let the workers idle out now and then.
+                    if (i % 500 == 499) std::this_thread::sleep_for(std::chrono::milliseconds(3));
+                }
+            });
+        // Stop while the producers are still busy.
+        ASSERT_TRUE(Eventually([&] { return produced >= kJobs / 2; }));
+        EXPECT_EQ(pool.Stop(), 1u);
+        for (auto& t : producers)
+            t.join();
+        EXPECT_EQ(pool.GetThreadCount(), 0u);
+    }
+    int ran = 0, acc = 0;
+    for (int i = 0; i < kJobs; ++i) {
+        ASSERT_LE(runs[i].load(), accepted[i].load()) << "job " << i;
+        ran += runs[i];
+        acc += accepted[i];
+    }
+    EXPECT_GT(acc, 0);
+    EXPECT_LE(ran, acc);
+    EXPECT_EQ(destroyed.load(), kJobs);
+}
+
+TEST(ThreadPoolStress, EveryJobRunsExactlyOnceWhileWorkersIdleOut) {
+    constexpr int kProducers = 3, kPerProducer = 3000, kJobs = kProducers * kPerProducer;
+    std::vector<std::atomic<int>> runs(kJobs);
+    std::atomic<int> destroyed{0};
+    {
+        CThreadPool pool;
+        ASSERT_EQ(pool.Init(0, 2, 1), 1u);
+        std::vector<std::thread> producers;
+        for (int p = 0; p < kProducers; ++p)
+            producers.emplace_back([&, p] {
+                for (int i = 0; i < kPerProducer; ++i) {
+                    int id = p * kPerProducer + i;
+                    EXPECT_EQ(pool.Enqueue(CDelegate(new CCountingCb(&runs[id], &destroyed))), 1u);
+                    if (i % 300 == 299) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+                }
+            });
+        for (auto& t : producers)
+            t.join();
+        ASSERT_TRUE(Eventually([&] { return destroyed == kJobs; }));
+        EXPECT_EQ(pool.Stop(), 1u);
+    }
+    for (int i = 0; i < kJobs; ++i)
+        ASSERT_EQ(runs[i].load(), 1) << "job " << i;
+}
