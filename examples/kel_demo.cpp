@@ -3,7 +3,9 @@
 // It shows what the library offers so far: strings that grow past their inline buffer, the
 // `%`-directive formatting with alignment and re-ordered fields, one failing operation read
 // back first as a returned status and then caught as an exception with the rendered error log,
-// one event text in two languages from two threads, and the trace file all of it went to.
+// one event text in two languages from two threads, a batch of jobs on the thread pool with one
+// failing job's error read back from its delegate, and the trace file all of it went to.
+#define KEL_SOURCE_FILE "examples/kel_demo" // the area named in error logs
 #include <kel/kelbase.h>
 
 #include <boost/filesystem/operations.hpp>
@@ -105,6 +107,33 @@ void Languages() {
     Print(line);
 }
 
+// A batch of jobs on the thread pool; one of them fails, and its delegate keeps the error.
+void Pool() {
+    Section(" thread pool ");
+    Threading::CThreadPool pool;
+    pool.Init(0, 2, 1000);
+    std::vector<Delegates_and_Calls::CWaitableCall> jobs;
+    for (int drive = 0; drive < 4; ++drive) {
+        jobs.push_back(Delegates_and_Calls::MakeWaitableCall([drive] {
+            if (drive == 2) KEL_RAISE(0x20010029u, "Drive %d reports a capacity out of range", drive);
+        }));
+        pool.Enqueue(jobs.back());
+    }
+    TString<1024> line;
+    for (size_t i = 0; i < jobs.size(); ++i) {
+        jobs[i].Wait();
+        Exceptions::CErrorLog log;
+        unsigned int code = jobs[i].GetError(log);
+        if (code == 0) {
+            line.Format("job %d: done\n") << i;
+        } else {
+            line.Format("job %d: failed with 0x%08X, its delegate kept the error log:\n%!s") << i << code << log;
+        }
+    }
+    pool.Stop();
+    std::fputs(line.C_Str(), stdout);
+}
+
 // The trace lives beside the program: <program folder>/logs/Demo_<pid>_<n>.log, with its
 // settings in <program folder>/Demo.ini (defaults when there is none).
 void ShowTrace(const Trace::CTrace& trace) {
@@ -139,6 +168,7 @@ int main() {
     Formatting();
     Failures();
     Languages();
+    Pool();
 
     KEL_TRACE(KEL_MODULE_INFO_KelLib, 0x20000000, "main", "kelbase demo ends\n");
     ShowTrace(trace);
