@@ -105,4 +105,35 @@ int RunAndReport(int argc, char** argv, PrintRatios printRatios) {
     return 0;
 }
 
+/// The standard library's ping-pong, the peer of every blocking-wake-up benchmark: two
+/// threads handing a turn back and forth through a mutex and two condition variables.
+inline void StdCondVarPingPong(benchmark::State& state) {
+    std::mutex m;
+    std::condition_variable cvPing, cvPong;
+    bool pinged = false, ponged = false, stop = false;
+    std::thread peer([&] {
+        std::unique_lock<std::mutex> lock(m);
+        for (;;) {
+            cvPing.wait(lock, [&] { return pinged || stop; });
+            if (stop) break;
+            pinged = false;
+            ponged = true;
+            cvPong.notify_one();
+        }
+    });
+    for (auto _ : state) {
+        std::unique_lock<std::mutex> lock(m);
+        pinged = true;
+        cvPing.notify_one();
+        cvPong.wait(lock, [&] { return ponged; });
+        ponged = false;
+    }
+    {
+        std::lock_guard<std::mutex> lock(m);
+        stop = true;
+    }
+    cvPing.notify_one();
+    peer.join();
+}
+
 } // namespace kelbench

@@ -113,34 +113,7 @@ void BM_PingPong_Waiter8(benchmark::State& state) {
 }
 BENCHMARK(BM_PingPong_Waiter8)->UseRealTime();
 
-void BM_PingPong_StdCondVar(benchmark::State& state) {
-    std::mutex m;
-    std::condition_variable cvPing, cvPong;
-    bool pinged = false, ponged = false, stop = false;
-    std::thread peer([&] {
-        std::unique_lock<std::mutex> lock(m);
-        for (;;) {
-            cvPing.wait(lock, [&] { return pinged || stop; });
-            if (stop) break;
-            pinged = false;
-            ponged = true;
-            cvPong.notify_one();
-        }
-    });
-    for (auto _ : state) {
-        std::unique_lock<std::mutex> lock(m);
-        pinged = true;
-        cvPing.notify_one();
-        cvPong.wait(lock, [&] { return ponged; });
-        ponged = false;
-    }
-    {
-        std::lock_guard<std::mutex> lock(m);
-        stop = true;
-    }
-    cvPing.notify_one();
-    peer.join();
-}
+void BM_PingPong_StdCondVar(benchmark::State& state) { kelbench::StdCondVarPingPong(state); }
 BENCHMARK(BM_PingPong_StdCondVar)->UseRealTime();
 
 long Futex(std::atomic<int>* word, int op, int value) {

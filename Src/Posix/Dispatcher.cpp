@@ -213,6 +213,17 @@ struct CEngine {
             o->m_Owner.fetch_or(kWaitersBit, std::memory_order_relaxed);
     }
 
+    // Queues one entry of w on each of its objects, in index order (FIFO per object).
+    static void Enqueue(CWaiterRec& w) noexcept {
+        for (unsigned int i = 0; i < w.count; ++i) {
+            w.entries[i].waiter = &w;
+            w.entries[i].object = w.objects[i];
+            w.entries[i].index = i;
+            w.objects[i]->m_Waiters.Add(w.entries[i]);
+            UpdateWaitersBit(w.objects[i]);
+        }
+    }
+
     static void Dequeue(CWaiterRec& w) noexcept {
         for (unsigned int i = 0; i < w.count; ++i) {
             if (w.entries[i].IsLinked()) {
@@ -458,13 +469,7 @@ unsigned int WaitForObjects(CWaitContext& self, unsigned int count, CDispatcher*
                 return WR_Timeout;
             }
             self.m_uParker.fetch_and(CWaitContext::PW_Alert | CWaitContext::PW_Polling, std::memory_order_relaxed);
-            for (unsigned int i = 0; i < count; ++i) {
-                entries[i].waiter = &w;
-                entries[i].object = objects[i];
-                entries[i].index = i;
-                objects[i]->m_Waiters.Add(entries[i]);
-                CEngine::UpdateWaitersBit(objects[i]);
-            }
+            CEngine::Enqueue(w);
             // A mutex given back on the fast path before its waiters bit was set is free now.
             result = CEngine::TrySatisfy(w);
             if (result != WR_Failed) CEngine::Dequeue(w);
@@ -512,13 +517,7 @@ unsigned int WaitForObjectsOrDescriptors(CWaitContext& self, unsigned int count,
                 return WR_IoCompletion;
             }
             self.m_uParker.fetch_and(CWaitContext::PW_Alert | CWaitContext::PW_Polling, std::memory_order_relaxed);
-            for (unsigned int i = 0; i < count; ++i) {
-                entries[i].waiter = &w;
-                entries[i].object = objects[i];
-                entries[i].index = i;
-                objects[i]->m_Waiters.Add(entries[i]);
-                CEngine::UpdateWaitersBit(objects[i]);
-            }
+            CEngine::Enqueue(w);
             if (count != 0) {
                 result = CEngine::TrySatisfy(w);
                 if (result != WR_Failed) CEngine::Dequeue(w);
