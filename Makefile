@@ -10,7 +10,7 @@ FUZZ_SECONDS ?= 120
 CMAKE_FLAGS ?=
 CTEST_FLAGS ?= --output-on-failure -j $(JOBS) -LE soak
 
-.PHONY: all deps build test test-asan demo tsan bench fuzz format clean
+.PHONY: all deps build test test-asan demo tsan bench fuzz format clean package
 
 all: build
 
@@ -56,6 +56,10 @@ fuzz: deps
 	      -DKEL_BUILD_EXAMPLES=OFF $(CMAKE_FLAGS)
 	cmake --build $(FUZZ_BUILD) -j $(JOBS)
 	scripts/run-fuzzers.sh $(FUZZ_BUILD)/fuzz $(FUZZ_SECONDS)
+
+# Debian packages (libkelbase7, libkelbase-dev, kelbase-tools) in $(BUILD).
+package: build
+	cd $(BUILD) && cpack -G DEB
 
 format:
 	@git ls-files '*.h' '*.cpp' | xargs clang-format -i
