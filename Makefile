@@ -10,7 +10,7 @@ FUZZ_SECONDS ?= 120
 CMAKE_FLAGS ?=
 CTEST_FLAGS ?= --output-on-failure -j $(JOBS) -LE soak
 
-.PHONY: all deps build test test-asan demo tsan bench fuzz format clean package
+.PHONY: all deps build test test-asan demo tsan bench fuzz format clean package docs
 
 all: build
 
@@ -60,6 +60,10 @@ fuzz: deps
 # Debian packages (libkelbase7, libkelbase-dev, kelbase-tools) in $(BUILD).
 package: build
 	cd $(BUILD) && cpack -G DEB
+
+# API documentation (Doxygen) in $(BUILD)/docs/html; any warning fails the build.
+docs: deps $(BUILD)/CMakeCache.txt
+	cmake --build $(BUILD) --target docs
 
 format:
 	@git ls-files '*.h' '*.cpp' | xargs clang-format -i
