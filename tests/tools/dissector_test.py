@@ -19,7 +19,7 @@ import time
 SKIP = 77
 HERE = os.path.dirname(os.path.abspath(__file__))
 FIELDS = ["tcp.stream", "tcp.reassembled.length", "kelbase.cmd_name", "kelbase.int", "kelbase.uint",
-          "kelbase.string", "kelbase.request", "kelbase.ack", "kelbase.events", "kelbase.appid",
+          "kelbase.string", "kelbase.request", "kelbase.operation", "kelbase.ack", "kelbase.events", "kelbase.appid",
           "kelbase.verdict", "kelbase.block_len", "kelbase.file_size", "kelbase.file_left",
           "_ws.expert.message"]
 
@@ -36,6 +36,7 @@ EXPECTED_MAIN = {
     # -32 travels as 0xE0 and a reader takes it for 0.
     "kelbase.int": ["5", "-1", "0", "32", "-33", "72057594037927936", "1"],
     "kelbase.request": ["50108", "7"],
+    "kelbase.operation": ["ADD_SERVER"],
     "kelbase.ack": ["0", "0"],
     "kelbase.events": [5],
     "kelbase.appid": [0x4B454C01],

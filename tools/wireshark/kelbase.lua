@@ -50,6 +50,70 @@ local function classify(byte)
     return "invalid", "invalid"
 end
 
+-- Operation codes, the request codes of the channel: the library's operation code table as
+-- `kelcode -l operation` prints it (the dissector test checks that the two agree).
+local OPERATIONS = {
+    [1] = "UNDEFINED", [50000] = "CREATE_LOGICAL_DRIVE", [50001] = "MIGRATE_LOGICAL_DRIVE",
+    [50002] = "GET_EVENTS", [50003] = "GET_RAID_LEVEL_INFORMATION",
+    [50004] = "GET_RAID_MIGRATION_INFORMATION", [50005] = "GET_LOGICAL_DRIVE_CONFIGURATION",
+    [50006] = "PASS_THROUGH", [50007] = "SCAN_CONFIGURATION", [50008] = "ALARM_ON",
+    [50009] = "ALARM_OFF", [50010] = "FLUSH", [50011] = "CLEAR_CONFIGURATION",
+    [50012] = "CLEAR_LOG", [50013] = "START_PATROLREAD", [50014] = "PAUSE_PATROLREAD",
+    [50015] = "CONTINUE_PATROLREAD", [50016] = "CANCEL_PATROLREAD", [50017] = "NVRAM_LOG",
+    [50018] = "CLEAR_NVRAM_LOG", [50019] = "RECALIBRATION", [50020] = "SET_LOW_POWER_THRESHOLD",
+    [50021] = "DISCHARGE", [50022] = "FAST_CHARGE", [50023] = "STOP_RECALIBRATION",
+    [50024] = "BADBLOCK_LOG", [50025] = "CLEAR_BADBLOCK_LOG", [50026] = "FORMAT_DEVICE",
+    [50027] = "START_VERIFY", [50028] = "CANCEL_VERIFY", [50029] = "MAKE_ONLINE",
+    [50030] = "MAKE_OFFLINE", [50031] = "CREATE_GLOBAL_HOTSPARE", [50032] = "START_DEVICE",
+    [50033] = "STOP_DEVICE", [50034] = "LOCATE_DEVICE", [50035] = "STOP_LOCATE_DEVICE",
+    [50036] = "CREATE_DEDICATED_HOTSPARE", [50037] = "DELETE_GLOBAL_HOTSPARE",
+    [50038] = "DELETE_DEDICATED_HOTSPARE", [50039] = "START_VERIFYFIX",
+    [50040] = "CANCEL_VERIFYFIX", [50041] = "HANDLE_OPTIONS", [50042] = "RESET_ERROR_COUNTERS",
+    [50043] = "MAKE_READY", [50044] = "START_INITIALIZATION", [50045] = "PAUSE_INITIALIZATION",
+    [50046] = "CONTINUE_INITIALIZATION", [50047] = "CANCEL_INITIALIZATION", [50048] = "START_CHECK",
+    [50049] = "CANCEL_CHECK", [50050] = "DELETE", [50051] = "DELETE_LAST_LOGICAL_DRIVE",
+    [50052] = "DELETE_ALL_LOGICAL_DRIVES", [50053] = "CANCEL_BGI", [50054] = "START_REBUILD",
+    [50055] = "PAUSE_REBUILD", [50056] = "CONTINUE_REBUILD", [50057] = "CANCEL_REBUILD",
+    [50058] = "PAUSE_MIGRATION", [50059] = "CONTINUE_MIGRATION", [50060] = "PAUSE_CHECK",
+    [50061] = "CONTINUE_CHECK", [50062] = "LOCATE_LOGICAL_DRIVE",
+    [50063] = "STOP_LOCATE_LOGICAL_DRIVE", [50064] = "NONE", [50065] = "GET_WRITE_ACCESS",
+    [50066] = "RELEASE_WRITE_ACCESS", [50067] = "WRITE_CONFIGURATION_TO_FILE",
+    [50068] = "WRITE_CONFIGURATION_TO_STRING", [50069] = "RESTORE_CONFIGURATION_FROM_FILE",
+    [50070] = "RESTORE_CONFIGURATION_FROM_STRING", [50071] = "FORCE_WRITE_ACCESS",
+    [50072] = "GET_STORED_EVENTS", [50073] = "REPLACE_MISSING", [50074] = "MARK_MISSING",
+    [50075] = "CREATE_VOLUME", [50076] = "START_MDC", [50077] = "SENSE_LOG", [50078] = "CANCEL_MDC",
+    [50079] = "PAUSE_MDC", [50080] = "CONTINUE_MDC", [50081] = "IMPORT_FOREIGN_CONFIGURATION",
+    [50082] = "CLEAR_FOREIGN_CONFIGURATION", [50083] = "GET_RESTART_EVENTS",
+    [50084] = "LOCATE_ENCLOSURE", [50085] = "READ_FOREIGN_CONFIGURATION",
+    [50086] = "READ_FOREIGN_CONFIGURATION_AFTER_IMPORT", [50087] = "HANDLE_FOREIGN_CONFIGURATION",
+    [50088] = "GET_COLLECTION_FOR_DEDICATED_HOTSPARE",
+    [50089] = "GET_COLLECTION_FOR_REPLACE_MISSING", [50090] = "DELETE_TASK",
+    [50091] = "HANDLE_HOTSPARE", [50092] = "HANDLE_TASK", [50093] = "MAKE_OFFLINE_REDUNDANT",
+    [50094] = "MAKE_READY_BBT_CLEAR", [50095] = "PHY_ERRORS", [50096] = "WRITE_SNAPSHOT",
+    [50097] = "HELP", [50098] = "EXIT", [50099] = "START_COPY_BACK", [50100] = "CANCEL_COPY_BACK",
+    [50101] = "GET_COLLECTION_FOR_COPY_BACK", [50102] = "ACTIVATE", [50103] = "CREATE_TASK",
+    [50104] = "MODIFY_TASK", [50105] = "SEND_TEST_MAIL", [50106] = "MAKE_SYSTEM",
+    [50107] = "DISK_INFORMATION", [50108] = "ADD_SERVER", [50109] = "MODIFY_SERVER",
+    [50110] = "DELETE_SERVER", [50111] = "SHOW_SERVERS", [50112] = "START_OCE",
+    [50113] = "NIC_LED_BLINK", [50114] = "TEST_CAS_CONNECTION", [50115] = "TEST_LDAP_CONNECTION",
+    [50117] = "PAUSE_COPY_BACK", [50118] = "CONTINUE_COPY_BACK", [50121] = "ENABLE_SSD_CACHING",
+    [50122] = "DISABLE_SSD_CACHING", [50123] = "PAUSE_BGI", [50124] = "CONTINUE_BGI",
+    [50125] = "VERIFY_SERVER", [50126] = "ATTACH", [50127] = "DETACH", [50128] = "FORCE_DETACH",
+    [50129] = "ROTATE_LOG", [50130] = "UNBLOCK", [50131] = "SEND_TEST_TRAP",
+    [50132] = "WRITE_TTY_LOG", [50133] = "START_ERASE", [50134] = "CANCEL_ERASE",
+    [50135] = "HANDLE_GROUP", [50136] = "HANDLE_HOST", [50137] = "INSERT_SERVER",
+    [50138] = "DISCARD_PRESERVED_CACHE", [50139] = "STOP_LOCATE_ENCLOSURE",
+    [50140] = "SET_DISK_SECURITY", [50141] = "DELETE_DISK_SECURITY",
+    [50142] = "HANDLE_DISK_SECURITY", [50143] = "MODIFY_DISK_SECURITY",
+    [50144] = "INSTANT_SECURE_ERASE", [50145] = "SHOW_DISK_SECURITY_ID",
+    [50146] = "UNLOCK_FOREIGN_DISK", [50147] = "ENABLE_DISK_SECURITY", [50148] = "ADD_LDAP_SERVER",
+    [50149] = "DELETE_LDAP_SERVER", [50150] = "SEND_LOG_SENSE_CMD", [50151] = "START_REBUILD_TO",
+    [50152] = "LOCATE_VROC_DEVICE", [50153] = "START_BGI", [50154] = "CLEAR_METADATA",
+    [50155] = "FORCE_OFFLINE", [50156] = "CLEAR_PHYSICAL_DRIVE_CCM", [50157] = "HEAL_ARRAY",
+    [50158] = "GET_COLLECTION_FOR_HEAL_ARRAY", [50159] = "GET_COLLECTION_FOR_ARRAY_HOTSPARE",
+    [50160] = "CREATE_ARRAY_HOTSPARE", [50161] = "DELETE_ARRAY_HOTSPARE", [50500] = "ADD_SERVER",
+}
+
 local command_names = {}
 for b = 0, 255 do
     local _, name = classify(b)
@@ -65,6 +129,7 @@ f.value = ProtoField.uint64("kelbase.value", "Number", base.DEC)
 f.int = ProtoField.int64("kelbase.int", "Integer (as read)", base.DEC)
 f.uint = ProtoField.uint64("kelbase.uint", "Unsigned integer", base.DEC)
 f.request = ProtoField.uint64("kelbase.request", "Request code", base.DEC)
+f.operation = ProtoField.string("kelbase.operation", "Operation")
 f.ack = ProtoField.uint64("kelbase.ack", "Acknowledge code", base.DEC)
 f.events = ProtoField.uint64("kelbase.events", "Event mask", base.HEX)
 f.version = ProtoField.uint64("kelbase.version", "Version word", base.HEX)
@@ -223,7 +288,14 @@ local function add_command(tvb, offset, length, tree, pinfo, state, dir, handsha
         sub:append_text(": " .. info)
     elseif name == "STC_Request" then
         sub:add(f.request, range)
-        sub:append_text(" " .. tostring(value))
+        local operation = value < UInt64(0x80000000) and OPERATIONS[value:tonumber()] or nil
+        if operation then
+            sub:add(f.operation, range, operation)
+            sub:append_text(" " .. tostring(value) .. " (" .. operation .. ")")
+            info = info .. " (" .. operation .. ")"
+        else
+            sub:append_text(" " .. tostring(value))
+        end
     elseif name == "STC_Ack" then
         sub:add(f.ack, range)
         sub:append_text(" " .. tostring(value))
