@@ -51,8 +51,10 @@ EXPECTED_REFUSED = {
 }
 EXPECTED_ODD = {
     "kelbase.cmd_name": ["STC_Version", "STC_Version", "STC_Request", "STC_Reserved0F", "STC_Reserved09",
-                         "STC_Reserved58", "STC_SmallUInt", "invalid"],
-    "kelbase.int": ["3"],
+                         "STC_Reserved58", "STC_SmallUInt", "STC_UInt", "STC_File", "STC_BinBlockStart",
+                         "STC_WaitAck", "invalid"],
+    "kelbase.int": ["3", "5"],
+    "kelbase.file_left": ["6"],
     "kelbase.request": ["1"],
 }
 
@@ -173,7 +175,8 @@ def check(streams):
     if "refused" not in "|".join(streams.get(1, {}).get("kelbase.verdict", [])):
         failures.append("refused verdict missing: %r" % streams.get(1, {}).get("kelbase.verdict"))
     odd = "|".join(streams.get(2, {}).get("_ws.expert.message", []))
-    for text in ("Invalid command byte", "Reserved command"):
+    for text in ("Invalid command byte", "Reserved command", "not in its shortest form",
+                 "File ended 6 bytes before its announced size"):
         if text not in odd:
             failures.append("stream 2 lacks the expert message %r: %r" % (text, odd))
     return failures

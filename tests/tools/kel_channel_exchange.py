@@ -51,8 +51,10 @@ REFUSED_CLIENT = struct.pack(">I", 0x00000002) + version(0x0100)
 REFUSED_SERVER = version(0x010100)
 assert REFUSED_SERVER == b"\xAA\x01\x01\x00"
 
-# Reserved bytes are read and skipped; 0x07 stops any reader.
-ODD_REQUEST = b"\x88\x01" + b"\x0F\x01\x02\x03\x04" + b"\x09" + b"\x58\x02xy" + b"\xC3" + b"\x07\x99"
+# Reserved bytes are read and skipped; 5 in two bytes is legal but not what a writer sends; a
+# file announced with 10 bytes brings 4 before WaitAck; 0x07 stops any reader.
+ODD_REQUEST = (b"\x88\x01" + b"\x0F\x01\x02\x03\x04" + b"\x09" + b"\x58\x02xy" + b"\xC3" + b"\xB1\x00\x05"
+               + b"\x70\x0A" + b"\x78\x04abcd" + b"\x01" + b"\x07\x99")
 
 
 def recv_exactly(sock, count):

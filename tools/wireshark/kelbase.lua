@@ -232,6 +232,28 @@ local function add_command(tvb, offset, length, tree, pinfo, state, dir, handsha
     sub:add(f.cmd, tvb(offset, 1))
     sub:add(f.cmd_name, tvb(offset, 1), name)
 
+    -- A file arrives as block pieces; anything else while bytes are missing makes the reader
+    -- fail with "Data missing".
+    local note = file_note(pinfo, offset, function()
+        local left = state.file[dir]
+        if name == "STC_File" then
+            local size = tvb(offset + 1, bit32.band(byte, 7) + 1):uint64():tonumber()
+            state.file[dir] = size > 0 and size or nil
+            return nil
+        end
+        if not left then return nil end
+        if name == "STC_BinBlockStart" then
+            left = left - (length - 2 - bit32.band(byte, 7))
+            state.file[dir] = left > 0 and left or nil
+            return { left = math.max(left, 0) }
+        end
+        state.file[dir] = nil
+        return { short = left }
+    end)
+    if note and note.short then
+        sub:add_proto_expert_info(e_file, "File ended " .. note.short .. " bytes before its announced size")
+    end
+
     if kind == "small" then
         local magnitude = bit32.band(byte, 0x1F)
         if name == "STC_SmallUInt" then
@@ -343,28 +365,9 @@ local function add_command(tvb, offset, length, tree, pinfo, state, dir, handsha
         end
     end
 
-    -- A file arrives as block pieces; anything else while bytes are missing makes the reader
-    -- fail with "Data missing".
-    local note = file_note(pinfo, offset, function()
-        local left = state.file[dir]
-        if name == "STC_File" then
-            state.file[dir] = value:tonumber() > 0 and value:tonumber() or nil
-            return nil
-        end
-        if not left then return nil end
-        if name == "STC_BinBlockStart" then
-            left = left - (length - 1 - n)
-            state.file[dir] = left > 0 and left or nil
-            return { left = math.max(left, 0) }
-        end
-        state.file[dir] = nil
-        return { short = left }
-    end)
     if note and note.left then
-        sub:add(f.file_left, range, UInt64(note.left))
+        sub:add(f.file_left, tvb(offset + 1, n), UInt64(note.left))
         info = info .. " (file, " .. note.left .. " left)"
-    elseif note and note.short then
-        sub:add_proto_expert_info(e_file, "File ended " .. note.short .. " bytes before its announced size")
     end
     return info
 end
