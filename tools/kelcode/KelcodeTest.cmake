@@ -43,6 +43,9 @@ expect(0 "OPERATION 50108 ADD_SERVER\nOPERATION 50500 ADD_SERVER\n" "" ADD_SERVE
 expect(0 "OPERATION 50108 ADD_SERVER\nOPERATION 50500 ADD_SERVER\n" "" add_server)
 expect(0 "EVENT 10557 BIOS_BOOT_MODE_COE\n" "" BIOS_BOOT_MODE_COE)
 expect(0 "VALUE 40007 RAID0\n" "" RAID0)
+# The one name with lower-case letters is found in any case.
+expect(0 "VALUE 40339 ADAPTER_STATUS_INFO_empty\n" "" ADAPTER_STATUS_INFO_EMPTY)
+expect(0 "VALUE 40339 ADAPTER_STATUS_INFO_empty\n" "" adapter_status_info_empty)
 expect(0 "LAYOUT 29904 RAID_LEVEL\nLAYOUT 30045 RAID_LEVEL\n" "" -t layout RAID_LEVEL)
 # Names that look like numbers at first are still names.
 expect(0 "VALUE 40047 1K\n" "" 1K)

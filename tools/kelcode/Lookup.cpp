@@ -116,7 +116,17 @@ bool DescribeNumber(std::ostream& out, std::ostream& err, long long number, std:
 
 bool DescribeName(std::ostream& out, std::ostream& err, const std::string& name, std::optional<CODE_TABLE> only) {
     std::vector<CODE_MATCH> hits = Only(KEL::CodeTables::FindName(name), only);
-    if (hits.empty()) hits = Only(KEL::CodeTables::FindName(UpperCase(name)), only);
+    if (hits.empty()) {
+        // Without regard to case: the names are upper case but for one ("..._empty").
+        const std::string upper = UpperCase(name);
+        for (std::size_t k = 0; k < KEL::CodeTables::TableCount; ++k) {
+            const CODE_TABLE kind = static_cast<CODE_TABLE>(k);
+            if (only && *only != kind) continue;
+            for (const KEL::CODE_NAME& row : KEL::CodeTables::TableOf(kind))
+                if (row.second.size() == upper.size() && UpperCase(row.second) == upper)
+                    hits.push_back(CODE_MATCH{kind, row.first, row.second});
+        }
+    }
     for (const CODE_MATCH& hit : hits) PrintMatch(out, hit);
     if (!hits.empty()) return true;
 

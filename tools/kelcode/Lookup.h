@@ -25,9 +25,9 @@ std::string LowerCase(std::string_view text);
 bool DescribeNumber(std::ostream& out, std::ostream& err, long long number,
                     std::optional<KEL::CodeTables::CODE_TABLE> only);
 
-/// Every (table, code) of `name`: the exact spelling first, then the upper-case one (the names
-/// are upper case but for one). When nothing matches, up to eight names containing the text
-/// are offered.
+/// Every (table, code) of `name`: the exact spelling, else any spelling that differs only in
+/// letter case. When nothing matches, up to eight similar names are offered: names that contain
+/// the text, else names that share its leading words.
 bool DescribeName(std::ostream& out, std::ostream& err, const std::string& name,
                   std::optional<KEL::CodeTables::CODE_TABLE> only);
 
