@@ -350,8 +350,9 @@ local function add_command(tvb, offset, length, tree, pinfo, state, dir, handsha
         local count = length - 1 - n
         local body = count > 0 and tvb(offset + 1 + n, count) or nil
         if name == "STC_String" then
-            local text = body and body:string() or ""
-            sub:add(f.string, body or range, text)
+            -- Shown as UTF-8; bytes that are not become replacement characters.
+            local text = body and body:string(ENC_UTF_8) or ""
+            if body then sub:add_packet_field(f.string, body, ENC_UTF_8) else sub:add(f.string, range, "") end
             sub:append_text(': "' .. text .. '"')
             info = '"' .. text .. '"'
         elseif group == 0x58 or group == 0x60 or group == 0x68 then
