@@ -7,7 +7,8 @@ flush is one TCP segment; a string and a large block are cut across segments on 
 dissector has to reassemble them. A second connection is refused at the handshake, a third
 carries reserved and invalid command bytes.
 
-    kel_channel_exchange.py PORT     runs all three connections against 127.0.0.1:PORT
+    kel_channel_exchange.py PORT [main,refused,odd]   runs those connections (default: all)
+                                                      against 127.0.0.1:PORT
 """
 import socket
 import struct
@@ -39,10 +40,9 @@ KEEP_ALIVE = b"\x05"
 GET_EVENTS = b"\x04"
 EVENTS = b"\xA0\x05"                                                # mask 5
 FILE_CONTENT = b"0123456789"
-# Request 7: a file of 10 bytes in two pieces, then a 3000-byte block sent in two halves.
+# Request 7: a file of 10 bytes (one piece), then a 3000-byte block sent in two halves.
 BIG = bytes(i % 251 for i in range(3000))
-REQUEST2_PART1 = (b"\x88\x07" + b"\x70\x0A" + b"\x78\x06" + FILE_CONTENT[:6] + b"\x78\x04" + FILE_CONTENT[6:]
-                  + b"\x79\x0B\xB8" + BIG[:1000])
+REQUEST2_PART1 = b"\x88\x07" + b"\x70\x0A" + b"\x78\x0A" + FILE_CONTENT + b"\x79\x0B\xB8" + BIG[:1000]
 REQUEST2_PART2 = BIG[1000:] + b"\x01"
 ANSWER2 = b"\x90\x00\x02"
 CLOSE = b"\x00"
@@ -100,8 +100,8 @@ def main_exchange(listener, port):
     send(client, server, REQUEST_PART1)
     send(client, server, REQUEST_PART2)
     send(server, client, ANSWER)
-    send(server, client, EVENTS_PENDING)
     send(server, client, KEEP_ALIVE)
+    send(server, client, EVENTS_PENDING)
     send(client, server, GET_EVENTS)
     send(server, client, EVENTS)
     send(client, server, REQUEST2_PART1)
@@ -126,20 +126,22 @@ def odd_exchange(listener, port):
     close_pair(client, server)
 
 
-def run(port):
+EXCHANGES = {"main": main_exchange, "refused": refused_exchange, "odd": odd_exchange}
+
+
+def run(port, names):
     listener = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
     listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
     listener.bind(("127.0.0.1", port))
     listener.listen(4)
     try:
-        main_exchange(listener, port)
-        refused_exchange(listener, port)
-        odd_exchange(listener, port)
+        for name in names:
+            EXCHANGES[name](listener, port)
     finally:
         listener.close()
 
 
 if __name__ == "__main__":
-    if len(sys.argv) != 2:
-        sys.exit("usage: kel_channel_exchange.py PORT")
-    run(int(sys.argv[1]))
+    if len(sys.argv) not in (2, 3) or (len(sys.argv) == 3 and not set(sys.argv[2].split(",")) <= set(EXCHANGES)):
+        sys.exit("usage: kel_channel_exchange.py PORT [main,refused,odd]")
+    run(int(sys.argv[1]), sys.argv[2].split(",") if len(sys.argv) == 3 else ["main", "refused", "odd"])
