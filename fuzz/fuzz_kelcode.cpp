@@ -45,7 +45,8 @@ void CheckNumber(const std::string& word) {
     const bool fits = errno == 0 && *end == '\0' && magnitude <= static_cast<unsigned long long>(LLONG_MAX);
     if (fits != got.has_value()) std::abort();
     if (!fits) return;
-    const long long expected = word[0] == '-' ? -static_cast<long long>(magnitude) : static_cast<long long>(magnitude);
+    const long long expected =
+        word[0] == '-' ? -static_cast<long long>(magnitude) : static_cast<long long>(magnitude);
     if (*got != expected) std::abort();
 }
 

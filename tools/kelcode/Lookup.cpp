@@ -27,7 +27,9 @@ std::string Hex(unsigned long long value, int digits) {
 }
 
 // Value code 0 has the empty name; show that it is empty rather than print nothing.
-std::string Shown(std::string_view name) { return name.empty() ? std::string("\"\"") : std::string(name); }
+std::string Shown(std::string_view name) {
+    return name.empty() ? std::string("\"\"") : std::string(name);
+}
 
 void PrintMatch(std::ostream& out, const CODE_MATCH& hit) {
     out << KEL::CodeTables::KindName(hit.table) << ' ' << hit.code << ' ' << Shown(hit.name) << '\n';
@@ -76,10 +78,14 @@ std::optional<long long> ParseNumber(std::string_view text) {
     unsigned long long value = 0;
     for (char c : text) {
         unsigned digit;
-        if (c >= '0' && c <= '9') digit = static_cast<unsigned>(c - '0');
-        else if (base == 16 && c >= 'a' && c <= 'f') digit = static_cast<unsigned>(c - 'a' + 10);
-        else if (base == 16 && c >= 'A' && c <= 'F') digit = static_cast<unsigned>(c - 'A' + 10);
-        else return std::nullopt;
+        if (c >= '0' && c <= '9')
+            digit = static_cast<unsigned>(c - '0');
+        else if (base == 16 && c >= 'a' && c <= 'f')
+            digit = static_cast<unsigned>(c - 'a' + 10);
+        else if (base == 16 && c >= 'A' && c <= 'F')
+            digit = static_cast<unsigned>(c - 'A' + 10);
+        else
+            return std::nullopt;
         if (value > (static_cast<unsigned long long>(std::numeric_limits<long long>::max()) - digit) / base)
             return std::nullopt;
         value = value * base + digit;
@@ -92,7 +98,8 @@ bool DescribeNumber(std::ostream& out, std::ostream& err, long long number, std:
     std::vector<CODE_MATCH> hits;
     if (number >= std::numeric_limits<int>::min() && number <= std::numeric_limits<int>::max())
         hits = Only(KEL::CodeTables::FindTableOf(static_cast<int>(number)), only);
-    for (const CODE_MATCH& hit : hits) PrintMatch(out, hit);
+    for (const CODE_MATCH& hit : hits)
+        PrintMatch(out, hit);
 
     // A status code is found by its module; the tables share none of their numbers with the
     // module-scoped range but 0x7FFFFFFF, whose module 0x1FFF nobody registers.
@@ -102,19 +109,23 @@ bool DescribeNumber(std::ostream& out, std::ostream& err, long long number, std:
         status = DescribeStatus(out, err, static_cast<unsigned int>(number));
 
     if (hits.empty() && !status) {
-        err << "kelcode: " << number << " (" << Hex(static_cast<unsigned long long>(number) & 0xFFFFFFFFull, 8)
-            << ") is no code of " << Where(only);
+        err << "kelcode: " << number << " ("
+            << Hex(static_cast<unsigned long long>(number) & 0xFFFFFFFFull, 8) << ") is no code of "
+            << Where(only);
         if (number >= 0 && number <= 0xFFFFFFFFll && (number & kModuleScoped) != 0)
             err << ", and its module " << ((number >> 16) & 0x1FFF) << " is not registered in this program";
         err << ".\n";
-        if (only) err << "Leave out -t to search every table.\n";
-        else err << "Run 'kelcode -l TABLE' to see the codes of a table.\n";
+        if (only)
+            err << "Leave out -t to search every table.\n";
+        else
+            err << "Run 'kelcode -l TABLE' to see the codes of a table.\n";
         return false;
     }
     return true;
 }
 
-bool DescribeName(std::ostream& out, std::ostream& err, const std::string& name, std::optional<CODE_TABLE> only) {
+bool DescribeName(std::ostream& out, std::ostream& err, const std::string& name,
+                  std::optional<CODE_TABLE> only) {
     std::vector<CODE_MATCH> hits = Only(KEL::CodeTables::FindName(name), only);
     if (hits.empty()) {
         // Without regard to case: the names are upper case but for one ("..._empty").
@@ -127,7 +138,8 @@ bool DescribeName(std::ostream& out, std::ostream& err, const std::string& name,
                     hits.push_back(CODE_MATCH{kind, row.first, row.second});
         }
     }
-    for (const CODE_MATCH& hit : hits) PrintMatch(out, hit);
+    for (const CODE_MATCH& hit : hits)
+        PrintMatch(out, hit);
     if (!hits.empty()) return true;
 
     err << "kelcode: no code of " << Where(only) << " is named '" << name << "'.\n";
@@ -147,11 +159,14 @@ bool DescribeName(std::ostream& out, std::ostream& err, const std::string& name,
         needle = cut == std::string::npos ? std::string() : needle.substr(0, cut + 1);
     }
     if (similar.empty()) {
-        err << "Names are upper-case words joined by '_', such as ADD_SERVER; 'kelcode -l TABLE' lists them.\n";
+        err << "Names are upper-case words joined by '_', such as ADD_SERVER; 'kelcode -l TABLE' lists "
+               "them.\n";
         return false;
     }
     err << "Similar names" << (similar.size() > kMaxSuggestions ? " (the first " : "")
-        << (similar.size() > kMaxSuggestions ? std::to_string(kMaxSuggestions) + " of " + std::to_string(similar.size()) + ")" : "")
+        << (similar.size() > kMaxSuggestions
+                ? std::to_string(kMaxSuggestions) + " of " + std::to_string(similar.size()) + ")"
+                : "")
         << ":\n";
     for (std::size_t i = 0; i < similar.size() && i < kMaxSuggestions; ++i) {
         err << "  ";
@@ -171,8 +186,8 @@ bool DescribeStatus(std::ostream& out, std::ostream& err, unsigned int code) {
     if (module == nullptr) {
         KEL::Strings::CStringVar text;
         KEL::KEL_MODULE_INFO_KelLib.GetErrorMsg(text, code, 1);
-        err << "kelcode: " << Hex(code, 8) << ": module " << moduleId << " is not registered in this program ("
-            << text.C_Str() << ").\n"
+        err << "kelcode: " << Hex(code, 8) << ": module " << moduleId
+            << " is not registered in this program (" << text.C_Str() << ").\n"
             << "kelcode knows the modules of kelbase: 1 kelbase, 2 OS, 3 C-LIB, 4 OpenSSL; codes of other\n"
             << "libraries of the suite are explained by the programs that load them.\n";
         return false;

@@ -74,10 +74,12 @@ int main(int argc, char** argv) {
             if (i + 1 >= argc) return UsageError(arg + " needs a table name (" + Tables() + ")");
             const std::optional<KEL::CodeTables::CODE_TABLE> table = KEL::CodeTables::KindFromName(argv[++i]);
             if (!table)
-                return UsageError(std::string("no table is called '") + argv[i] + "'; the tables are " + Tables());
+                return UsageError(std::string("no table is called '") + argv[i] + "'; the tables are " +
+                                  Tables());
             (arg == "-t" || arg == "--table" ? only : list) = table;
         } else if (arg == "--") {
-            for (++i; i < argc; ++i) items.emplace_back(argv[i]);
+            for (++i; i < argc; ++i)
+                items.emplace_back(argv[i]);
         } else if (arg.size() > 1 && arg[0] == '-' && !kelcode::ParseNumber(arg)) {
             return UsageError("unknown option '" + arg + "'");
         } else {

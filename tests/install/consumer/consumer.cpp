@@ -21,7 +21,8 @@ int main() {
     std::printf("status 0x2001002C %s\n", text.C_Str());
 
     const std::optional<std::string_view> name = KEL::CodeTables::NameOf(KEL::OperationCodeNames, 50108);
-    std::printf("operation 50108 %.*s\n", name ? static_cast<int>(name->size()) : 0, name ? name->data() : "");
+    std::printf("operation 50108 %.*s\n", name ? static_cast<int>(name->size()) : 0,
+                name ? name->data() : "");
 
     KEL::Strings::CStringVar latin1;
     const unsigned int status = latin1.CopyFromUTF8("\xE2\x82\xAC");
