@@ -145,10 +145,8 @@ void CKelSocket::WriteBlock(const void* data, size_t size) {
     const unsigned char* in = static_cast<const unsigned char*>(data);
     while (size != 0) {
         if (m_count == BUFFER_SIZE) Flush();
-        const size_t space = BUFFER_SIZE - static_cast<size_t>(m_count);
-        const size_t n = std::min(space, size);
-        std::memcpy(m_cursor, in, n);
-        m_cursor += n;
+        const size_t n = std::min(BUFFER_SIZE - static_cast<size_t>(m_count), size);
+        std::memcpy(m_buffer + m_count, in, n);
         m_count += n;
         in += n;
         size -= n;
@@ -174,6 +172,7 @@ void CKelSocket::PrepareBufferForSend() {
         else if (byte != STC_KeepAlive)
             KEL_RAISE(0x2001002Cu, "Protocol error: unread input x%02X before sending", byte);
     }
+    m_count = 0;
     m_cursor = m_buffer;
 }
 

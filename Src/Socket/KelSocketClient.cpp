@@ -22,6 +22,12 @@ unsigned int CKelSocketClient::Op(Exceptions::SOURCE_INFO& site, F&& body) {
     });
 }
 
+// The answer to what was just sent cannot be there yet: wait for the socket first instead of
+// trying a receive that would block (the wait ends at once when it is there after all).
+void CKelSocketClient::AwaitAnswer() {
+    if (!InputBuffered() && !m_socket->IsClosedByPeer()) m_socket->Wait();
+}
+
 unsigned int CKelSocketClient::Attach(CSocket& socket, unsigned int applicationId) {
     return Exceptions::Guarded(KEL_SITE(), [&]() -> unsigned int {
         if (m_socket) {
@@ -66,6 +72,7 @@ unsigned int CKelSocketClient::WaitForAck(unsigned int& ackCode) {
         WriteByte(STC_WaitAck);
         Flush();
         m_state = ST_Read;
+        AwaitAnswer();
         unsigned long long value = 0;
         const unsigned int cmd = ReadCmd(value);
         if (cmd != STC_Ack) KEL_RAISE(0x2001002Cu, "Protocol error: Cmd=x%02X where STC_Ack was expected", cmd);
@@ -126,6 +133,7 @@ unsigned int CKelSocketClient::GetEvents(unsigned long long& events) {
         if (!m_eventsPending) return URET_Ok;
         WriteByte(STC_GetEvents);
         Flush();
+        AwaitAnswer();
         unsigned long long value = 0;
         const unsigned int cmd = ReadCmd(value);
         if (cmd != STC_Events) KEL_RAISE(0x2001002Cu, "Protocol error: Cmd=x%02X where STC_Events was expected", cmd);

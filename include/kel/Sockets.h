@@ -331,29 +331,31 @@ public:
     bool IsAttached() const noexcept { return m_socket != nullptr; }
 
 protected:
-    // Output. Every byte goes through m_buffer; a full buffer is sent before the next byte.
+    // Output. Every byte goes through m_buffer (output is appended at m_buffer + m_count); a
+    // full buffer is sent before the next byte.
     void WriteByte(unsigned char byte) {
         if (m_count == BUFFER_SIZE) Flush();
-        *m_cursor++ = byte;
-        ++m_count;
+        const size_t pos = static_cast<size_t>(m_count);
+        m_buffer[pos] = byte;
+        m_count = pos + 1;
     }
     /// `cmd` (low three bits clear) with `value` in the fewest big-endian bytes.
     void WriteCmd(unsigned int cmd, unsigned long long value) {
         if (BUFFER_SIZE - m_count < 9) Flush();
-        m_cursor = EncodeCmd(m_cursor, cmd, value);
-        m_count = static_cast<size_t>(m_cursor - m_buffer);
+        const size_t pos = static_cast<size_t>(m_count);
+        m_count = pos + EncodeCmd(&m_buffer[pos], cmd, value);
     }
     /// Raw bytes; large ones go to the socket from the caller's memory.
     void WriteBlock(const void* data, size_t size);
     void WriteINT(long long value) {
         if (BUFFER_SIZE - m_count < 9) Flush();
-        m_cursor = EncodeINT(m_cursor, value);
-        m_count = static_cast<size_t>(m_cursor - m_buffer);
+        const size_t pos = static_cast<size_t>(m_count);
+        m_count = pos + EncodeINT(&m_buffer[pos], value);
     }
     void WriteUINT(unsigned long long value) {
         if (BUFFER_SIZE - m_count < 9) Flush();
-        m_cursor = EncodeUINT(m_cursor, value);
-        m_count = static_cast<size_t>(m_cursor - m_buffer);
+        const size_t pos = static_cast<size_t>(m_count);
+        m_count = pos + EncodeUINT(&m_buffer[pos], value);
     }
     /// Sends what the buffer holds (all of it, blocking) and empties it.
     void Flush();
@@ -401,59 +403,74 @@ protected:
     void Detach() noexcept;
     bool InputBuffered() const noexcept { return m_count != 0 || m_peekCmd != NO_PEEK; }
 
-    // Encoders: write at `p` (at least 9 bytes free) and return the end.
-    static unsigned char* EncodeCmd(unsigned char* p, unsigned int cmd, unsigned long long value) noexcept {
+    // Encoders: write at `p` (at least 9 bytes free) and return the bytes written.
+    static size_t EncodeCmd(unsigned char* p, unsigned int cmd, unsigned long long value) noexcept {
+        // One- and two-byte numbers are the common case: plain stores, no bit scan.
+        if (value < 0x100) {
+            p[0] = static_cast<unsigned char>(cmd);
+            p[1] = static_cast<unsigned char>(value);
+            return 2;
+        }
+        if (value < 0x10000) {
+            p[0] = static_cast<unsigned char>(cmd | 1);
+            p[1] = static_cast<unsigned char>(value >> 8);
+            p[2] = static_cast<unsigned char>(value);
+            return 3;
+        }
         const unsigned int n = value == 0 ? 1u : static_cast<unsigned int>((71 - __builtin_clzll(value)) >> 3);
         *p = static_cast<unsigned char>(cmd | (n - 1));
+        // All eight bytes are stored; only the first n count.
         const unsigned long long be = __builtin_bswap64(value << (64 - 8 * n) % 64);
         std::memcpy(p + 1, &be, 8);
-        return p + 1 + n;
+        return 1 + n;
     }
-    static unsigned char* EncodeUINT(unsigned char* p, unsigned long long value) noexcept {
+    static size_t EncodeUINT(unsigned char* p, unsigned long long value) noexcept {
         if (value < 32) {
             *p = static_cast<unsigned char>(STC_SmallUInt | value);
-            return p + 1;
+            return 1;
         }
         return EncodeCmd(p, STC_UInt, value);
     }
-    static unsigned char* EncodeINT(unsigned char* p, long long value) noexcept {
-        if (value >= 0) return EncodeUINT(p, static_cast<unsigned long long>(value));
-        const unsigned long long magnitude = 0ull - static_cast<unsigned long long>(value);
-        if (magnitude <= 32) {
+    static size_t EncodeINT(unsigned char* p, long long value) noexcept {
+        const unsigned long long magnitude =
+            value < 0 ? 0ull - static_cast<unsigned long long>(value) : static_cast<unsigned long long>(value);
+        if (static_cast<unsigned long long>(value) + 32 < 64) {
             // -32 gives 0xE0 | 32 = 0xE0: kept so, peers depend on the exact bytes.
-            *p = static_cast<unsigned char>(STC_SmallNegInt | magnitude);
-            return p + 1;
+            *p = static_cast<unsigned char>(value < 0 ? STC_SmallNegInt | magnitude : STC_SmallUInt | magnitude);
+            return 1;
         }
-        return EncodeCmd(p, STC_NegInt, magnitude);
+        return EncodeCmd(p, value < 0 ? STC_NegInt : STC_UInt, magnitude);
     }
 
     // Stream-operator bodies: the fast path stays inline, the rest marks the error flag.
     CKelSocket& PutSigned(long long v) {
-        if (m_state == ST_Send && BUFFER_SIZE - m_count >= 9) {
-            m_cursor = EncodeINT(m_cursor, v);
-            m_count = static_cast<size_t>(m_cursor - m_buffer);
+        // The position is read once: stores into the buffer could alias m_count.
+        const size_t pos = static_cast<size_t>(m_count);
+        if (m_state == ST_Send && pos <= BUFFER_SIZE - 9) {
+            m_count = pos + EncodeINT(&m_buffer[pos], v);
             return *this;
         }
         return PutSignedSlow(v);
     }
     CKelSocket& PutUnsigned(unsigned long long v) {
-        if (m_state == ST_Send && BUFFER_SIZE - m_count >= 9) {
-            m_cursor = EncodeUINT(m_cursor, v);
-            m_count = static_cast<size_t>(m_cursor - m_buffer);
+        const size_t pos = static_cast<size_t>(m_count);
+        if (m_state == ST_Send && pos <= BUFFER_SIZE - 9) {
+            m_count = pos + EncodeUINT(&m_buffer[pos], v);
             return *this;
         }
         return PutUnsignedSlow(v);
     }
     CKelSocket& PutString(const char* text, size_t length) {
-        if (m_state == ST_Send && length < BUFFER_SIZE - 9 && BUFFER_SIZE - m_count >= 9 + length) {
+        const size_t pos = static_cast<size_t>(m_count);
+        if (m_state == ST_Send && length < BUFFER_SIZE - 9 && pos <= BUFFER_SIZE - 9 - length) {
             if (length == 0) {
-                *m_cursor++ = STC_EmptyString;
+                m_buffer[pos] = STC_EmptyString;
+                m_count = pos + 1;
             } else {
-                m_cursor = EncodeCmd(m_cursor, STC_String, length);
-                std::memcpy(m_cursor, text, length);
-                m_cursor += length;
+                const size_t head = EncodeCmd(&m_buffer[pos], STC_String, length);
+                std::memcpy(&m_buffer[pos + head], text, length);
+                m_count = pos + head + length;
             }
-            m_count = static_cast<size_t>(m_cursor - m_buffer);
             return *this;
         }
         return PutStringSlow(text, length);
@@ -483,7 +500,7 @@ protected:
     unsigned int m_eventsPending = 0;
     unsigned long long m_blockLeft = 0;
     unsigned long long m_count = 0;
-    unsigned char* m_cursor;
+    unsigned char* m_cursor; ///< next input byte (output goes to m_buffer + m_count)
     unsigned char m_buffer[BUFFER_SIZE];
 };
 
@@ -520,6 +537,7 @@ public:
 private:
     template <class F>
     unsigned int Op(Exceptions::SOURCE_INFO& site, F&& body);
+    void AwaitAnswer();
 };
 
 /// The serving end of a channel. A failed public operation sets the error flag over the state.
