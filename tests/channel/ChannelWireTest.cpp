@@ -371,3 +371,36 @@ TEST_F(RawClientTest, ServerStateErrorsSetTheFlagOverTheState) {
     EXPECT_EQ(m_Server.WaitForRequest(code), 0x2001002Au);
     EXPECT_EQ(m_Server.GetState(), CKelSocket::ST_Idle | CKelSocket::ST_Error);
 }
+
+TEST_F(RawServerTest, LongRequestsCrossTheBufferBoundaryIntact) {
+    // 700 three-byte numbers and strings of every length around a segment's end: the buffer
+    // is sent whenever it cannot take the next item, never a byte lost or doubled.
+    Bytes expected = {0x88, 0x01};
+    const Bytes wire = Request(
+        1, {0x90, 0x00, 0x02},
+        [&](CKelSocket& c) {
+            for (int i = 0; i < 700; ++i) {
+                c << 300 + i;
+                expected.insert(expected.end(), {0xB1, static_cast<unsigned char>((300 + i) >> 8),
+                                                 static_cast<unsigned char>(300 + i)});
+            }
+            for (size_t n = 1; n < 40; ++n) {
+                const std::string s(n, static_cast<char>('a' + n % 26));
+                c << s;
+                expected.insert(expected.end(), {0x98, static_cast<unsigned char>(n)});
+                expected.insert(expected.end(), s.begin(), s.end());
+            }
+        },
+        2 + 2100 + 39 * 2 + 780);
+    EXPECT_EQ(wire.size(), expected.size());
+    EXPECT_TRUE(wire == expected);
+}
+
+TEST_F(RawServerTest, StreamOperatorsThrowWhateverTheThreadsThrowMode) {
+    ASSERT_EQ(KEL::Threading::CThrowState::GetThrow(), 0u);
+    int v = 0;
+    EXPECT_THROW(m_Client >> v, KEL::Exceptions::CKelException);
+    EXPECT_EQ(KEL::Exceptions::ThreadErrorLog().GetError(), 0x20010027u);
+    // Public operations return the status instead.
+    EXPECT_EQ(m_Client.EndRequest(), 0x2001002Au);
+}
