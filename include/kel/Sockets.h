@@ -413,9 +413,18 @@ protected:
         }
         if (value < 0x10000) {
             p[0] = static_cast<unsigned char>(cmd | 1);
-            p[1] = static_cast<unsigned char>(value >> 8);
-            p[2] = static_cast<unsigned char>(value);
+            const unsigned short be = __builtin_bswap16(static_cast<unsigned short>(value));
+            std::memcpy(p + 1, &be, 2);
             return 3;
+        }
+        if (value < 0x100000000ull) {
+            // Three or four bytes: one 32-bit store (a fourth byte beyond a three-byte number
+            // lands in the free space and is overwritten by what follows).
+            const unsigned int n = value < 0x1000000 ? 3 : 4;
+            p[0] = static_cast<unsigned char>(cmd | (n - 1));
+            const unsigned int be = __builtin_bswap32(static_cast<unsigned int>(value << (32 - 8 * n)));
+            std::memcpy(p + 1, &be, 4);
+            return 1 + n;
         }
         const unsigned int n = value == 0 ? 1u : static_cast<unsigned int>((71 - __builtin_clzll(value)) >> 3);
         *p = static_cast<unsigned char>(cmd | (n - 1));
@@ -432,21 +441,21 @@ protected:
         return EncodeCmd(p, STC_UInt, value);
     }
     static size_t EncodeINT(unsigned char* p, long long value) noexcept {
-        const unsigned long long magnitude =
-            value < 0 ? 0ull - static_cast<unsigned long long>(value) : static_cast<unsigned long long>(value);
         if (static_cast<unsigned long long>(value) + 32 < 64) {
             // -32 gives 0xE0 | 32 = 0xE0: kept so, peers depend on the exact bytes.
-            *p = static_cast<unsigned char>(value < 0 ? STC_SmallNegInt | magnitude : STC_SmallUInt | magnitude);
+            *p = static_cast<unsigned char>(value < 0 ? STC_SmallNegInt | static_cast<unsigned int>(-value)
+                                                      : STC_SmallUInt | static_cast<unsigned int>(value));
             return 1;
         }
-        return EncodeCmd(p, value < 0 ? STC_NegInt : STC_UInt, magnitude);
+        if (value < 0) return EncodeCmd(p, STC_NegInt, 0ull - static_cast<unsigned long long>(value));
+        return EncodeCmd(p, STC_UInt, static_cast<unsigned long long>(value));
     }
 
     // Stream-operator bodies: the fast path stays inline, the rest marks the error flag.
     CKelSocket& PutSigned(long long v) {
         // The position is read once: stores into the buffer could alias m_count.
         const size_t pos = static_cast<size_t>(m_count);
-        if (m_state == ST_Send && pos <= BUFFER_SIZE - 9) {
+        if (__builtin_expect(pos <= BUFFER_SIZE - 9, 1) && __builtin_expect(m_state == ST_Send, 1)) {
             m_count = pos + EncodeINT(&m_buffer[pos], v);
             return *this;
         }
@@ -454,7 +463,7 @@ protected:
     }
     CKelSocket& PutUnsigned(unsigned long long v) {
         const size_t pos = static_cast<size_t>(m_count);
-        if (m_state == ST_Send && pos <= BUFFER_SIZE - 9) {
+        if (__builtin_expect(pos <= BUFFER_SIZE - 9, 1) && __builtin_expect(m_state == ST_Send, 1)) {
             m_count = pos + EncodeUINT(&m_buffer[pos], v);
             return *this;
         }
