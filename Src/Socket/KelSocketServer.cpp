@@ -89,6 +89,9 @@ unsigned int CKelSocketServer::TakeRequest(unsigned int& requestCode) {
 unsigned int CKelSocketServer::WaitForRequest(unsigned int& requestCode) {
     return Op(KEL_SITE(), [&]() -> unsigned int {
         CheckState(ST_Idle, "ST_Idle");
+        // An idle server has answered everything it read: the client's next request usually
+        // is not there yet, so wait before the first receive rather than after a failed one.
+        if (!InputBuffered() && !m_socket->IsClosedByPeer()) m_socket->Wait();
         return TakeRequest(requestCode);
     });
 }
