@@ -240,3 +240,15 @@ TEST(ChannelHandshake, ServerRefusesAVersionWithALowByteAndWaitsForTheClientToGo
     EXPECT_EQ(pair.RecvToEnd(), (Bytes{0xAA, 0x01, 0x01, 0x00}));
     EXPECT_FALSE(s.IsAttached());
 }
+
+TEST_F(RawServerTest, AbortDetachesAtOnceAndADetachedChannelHasNoWaitHandle) {
+    ASSERT_EQ(m_Client.StartRequest(1), 1u);
+    m_Client << 5;
+    EXPECT_EQ(m_Client.Abort(), 1u);
+    EXPECT_EQ(m_Client.GetState(), CKelSocket::ST_Detached);
+    EXPECT_EQ(m_Pair.socket.GetNativeHandle(), CSocket::kNoHandle);
+    EXPECT_TRUE(m_Pair.RecvToEnd().empty()); // the unsent request never left
+    EXPECT_EQ(Raised([&] { (void)static_cast<KEL::Threading::CWaitHandle>(m_Client); }), 0x2001001Eu);
+    CKelSocketServer idle;
+    EXPECT_EQ(idle.Close(), 0x2001001Eu);
+}
