@@ -484,9 +484,9 @@ protected:
         }
         return PutStringSlow(text, length);
     }
-    CKelSocket& PutSignedSlow(long long v);
-    CKelSocket& PutUnsignedSlow(unsigned long long v);
-    CKelSocket& PutStringSlow(const char* text, size_t length);
+    [[gnu::cold]] CKelSocket& PutSignedSlow(long long v);
+    [[gnu::cold]] CKelSocket& PutUnsignedSlow(unsigned long long v);
+    [[gnu::cold]] CKelSocket& PutStringSlow(const char* text, size_t length);
     template <class T>
     CKelSocket& GetSigned(T& v) {
         v = static_cast<T>(GetInteger(sizeof(T), true));
