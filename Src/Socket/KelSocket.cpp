@@ -36,6 +36,24 @@ const unsigned short kCmdFlags[24] = {
 // Raw payload of the single-byte commands, by their low three bits (0x0F carries four bytes).
 const unsigned char kSinglePayload[8] = {0, 0, 0, 0, 0, 0, 0, 4};
 
+unsigned int ReadAvailable(Sockets::CSocket& socket, void* dest, size_t size, size_t& got) {
+    got = 0;
+    if (socket.IsClosedByPeer()) return URET_PeerClosed;
+    unsigned int r;
+    try {
+        r = socket.Read(dest, size, &got, Sockets::RM_Normal);
+    } catch (const Exceptions::CKelException& e) {
+        // A socket that reports the close only once (and raises it afterwards) still ends in
+        // STC_Close, whatever socket class it is.
+        if (e.GetCode() != 0x20010024u) throw;
+        return URET_PeerClosed;
+    }
+    if (r == URET_Ok && got != 0) return URET_Ok;
+    if (r == URET_PeerClosed || r == URET_WouldBlock) return r;
+    if (r == URET_Ok) return URET_WouldBlock;
+    KEL_RAISE(r ? r : 0x2001001Fu, "Socket read failed (%d)", r);
+}
+
 } // namespace Channel
 } // namespace Internals
 
@@ -259,13 +277,9 @@ namespace {
 // One partial receive into `dest`, waiting (with the socket's time-out) while nothing is there.
 // 1 with got > 0, or 134 when the peer has closed.
 unsigned int Receive(CSocket& socket, void* dest, size_t size, size_t& got) {
-    got = 0;
-    if (socket.IsClosedByPeer()) return URET_PeerClosed;
     for (;;) {
-        const unsigned int r = socket.Read(dest, size, &got, RM_Normal);
-        if (r == URET_Ok && got != 0) return URET_Ok;
-        if (r == URET_PeerClosed) return URET_PeerClosed;
-        if (r != URET_Ok && r != URET_WouldBlock) KEL_RAISE(r ? r : 0x2001001Fu, "Socket read failed (%d)", r);
+        const unsigned int r = ReadAvailable(socket, dest, size, got);
+        if (r != URET_WouldBlock) return r;
         socket.Wait();
     }
 }

@@ -6,6 +6,8 @@
 #include <kel/Exceptions.h>
 #include <kel/Sockets.h>
 
+#include "Socket/KelSocketInternal.h"
+
 namespace KEL {
 namespace Sockets {
 
@@ -123,9 +125,9 @@ unsigned int CKelSocketClient::GetEvents(unsigned long long& events) {
         events = 0;
         // Take in whatever has arrived without blocking: notices and keep-alives only.
         PrepareBufferForSend();
-        while (!m_socket->IsClosedByPeer()) {
+        for (;;) {
             size_t got = 0;
-            if (m_socket->Read(m_buffer, BUFFER_SIZE, &got, RM_Normal) != URET_Ok || got == 0) break;
+            if (Internals::Channel::ReadAvailable(*m_socket, m_buffer, BUFFER_SIZE, got) != URET_Ok) break;
             m_count = got;
             m_cursor = m_buffer;
             PrepareBufferForSend();

@@ -5,7 +5,12 @@
 // single-byte commands.
 #pragma once
 
+#include <cstddef>
+
 namespace KEL {
+namespace Sockets {
+class CSocket;
+}
 namespace Internals {
 namespace Channel {
 
@@ -20,6 +25,10 @@ enum CMD_FLAGS : unsigned short {
 extern const unsigned short kCmdFlags[24];
 /// Raw payload of a single-byte command, by its low three bits.
 extern const unsigned char kSinglePayload[8];
+
+/// One partial receive without waiting: 1 with got > 0, 131 when nothing is there, 134 when
+/// the peer has closed (also for a socket that raises the close after reporting it once).
+unsigned int ReadAvailable(Sockets::CSocket& socket, void* dest, size_t size, size_t& got);
 
 } // namespace Channel
 } // namespace Internals

@@ -6,6 +6,8 @@
 #include <kel/Exceptions.h>
 #include <kel/Sockets.h>
 
+#include "Socket/KelSocketInternal.h"
+
 namespace KEL {
 namespace Sockets {
 
@@ -103,19 +105,15 @@ unsigned int CKelSocketServer::CheckRequest(unsigned int& requestCode) {
         if (!InputBuffered()) {
             if (!m_socket->CanRead()) return URET_WouldBlock;
             // The ready bit may be older than the last read: look without blocking.
-            if (m_socket->IsClosedByPeer()) {
-                ReadData();
+            size_t got = 0;
+            const unsigned int r = Internals::Channel::ReadAvailable(*m_socket, m_buffer, BUFFER_SIZE, got);
+            if (r == URET_WouldBlock) return URET_WouldBlock;
+            m_cursor = m_buffer;
+            if (r == URET_PeerClosed) {
+                m_buffer[0] = STC_Close;
+                m_count = 1;
             } else {
-                size_t got = 0;
-                const unsigned int r = m_socket->Read(m_buffer, BUFFER_SIZE, &got, RM_Normal);
-                if (r == URET_WouldBlock || (r == URET_Ok && got == 0)) return URET_WouldBlock;
-                m_cursor = m_buffer;
-                if (r == URET_PeerClosed) {
-                    m_buffer[0] = STC_Close;
-                    m_count = 1;
-                } else {
-                    m_count = got;
-                }
+                m_count = got;
             }
         }
         return TakeRequest(requestCode);

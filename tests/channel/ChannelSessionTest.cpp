@@ -252,3 +252,46 @@ TEST_F(RawServerTest, AbortDetachesAtOnceAndADetachedChannelHasNoWaitHandle) {
     CKelSocketServer idle;
     EXPECT_EQ(idle.Close(), 0x2001001Eu);
 }
+
+namespace {
+
+// A socket class that reports the peer's close once and raises it on every later read, as a
+// secure socket may: the channel must still see a clean STC_Close each time.
+class CCloseOnceSocket : public CSocket {
+public:
+    using CSocket::Read;
+    unsigned int Read(void* buffer, size_t size, size_t* got, KEL::Sockets::READ_MODE mode) override {
+        if (m_bReported) KEL_RAISE(0x20010024u, "Socket connection closed by peer");
+        const unsigned int r = CSocket::Read(buffer, size, got, mode);
+        if (r == KEL::URET_PeerClosed) {
+            m_bReported = true;
+            m_bClosedByPeer = false;
+        }
+        return r;
+    }
+
+private:
+    bool m_bReported = false;
+};
+
+} // namespace
+
+TEST(ChannelOverOtherSockets, ACloseRaisedByTheSocketIsStillJustTheEnd) {
+    int fds[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
+    CCloseOnceSocket socket;
+    socket.Attach(static_cast<unsigned long long>(fds[0]));
+    const unsigned char answer[] = {0xA9, 0x01, 0x00};
+    ASSERT_EQ(::send(fds[1], answer, 3, 0), 3);
+    CKelSocketClient c;
+    ASSERT_EQ(c.Attach(socket, kAppId), 1u);
+    ::shutdown(fds[1], SHUT_WR);
+    unsigned long long events = 7;
+    // The first look meets the reported close, the second the raised one: both are the end.
+    EXPECT_EQ(c.Wait(kHangGuardMs), 1u);
+    EXPECT_EQ(c.GetEvents(events), 1u);
+    EXPECT_EQ(c.GetEvents(events), 1u);
+    EXPECT_EQ(events, 0u);
+    c.Abort();
+    ::close(fds[1]);
+}
