@@ -36,3 +36,15 @@ if(NOT rc EQUAL 0 OR undocumented)
   string(REPLACE ";" "\n" undocumented "${undocumented}")
   message(FATAL_ERROR "public classes without a comment (exit ${rc}):\n${undocumented}")
 endif()
+
+# The channel server and client of the getting-started page are compiled as examples; the page
+# must show exactly their code.
+file(READ ${SOURCE}/docs/getting-started.md page)
+foreach(example channel_server channel_client)
+  file(READ ${SOURCE}/examples/${example}.cpp code)
+  string(REGEX REPLACE "^(//[^\n]*\n)+" "" code "${code}")
+  string(FIND "${page}" "```cpp\n${code}```" pos)
+  if(pos EQUAL -1)
+    message(FATAL_ERROR "docs/getting-started.md does not show examples/${example}.cpp as it is")
+  endif()
+endforeach()
