@@ -16,6 +16,7 @@ import signal
 import socket
 import subprocess
 import sys
+import threading
 import time
 
 SKIP = 77
@@ -79,41 +80,59 @@ def free_port(preferred):
     raise RuntimeError("no free port")
 
 
+def sentinel(port, seen, timeout, proc):
+    """Opens and closes empty connections on the port until the capture reports packets of one:
+    then everything sent afterwards is captured, and everything sent before has been."""
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline and proc.poll() is None:
+        seen.clear()
+        listener = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+        listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        listener.bind(("127.0.0.1", port))
+        listener.listen(1)
+        client = socket.create_connection(("127.0.0.1", port), timeout=5)
+        server, _ = listener.accept()
+        client.close()
+        server.close()
+        listener.close()
+        if seen.wait(1.0):
+            return True
+    return False
+
+
 def capture(tshark, pcap, port, traffics):
     """Runs the traffic while tshark captures it; returns False when capturing is impossible."""
     err_path = pcap + ".err"
     with open(err_path, "w") as err:
-        proc = subprocess.Popen([tshark, "-i", "lo", "-f", "tcp port %d" % port, "-w", pcap, "-q"],
-                                stdout=subprocess.DEVNULL, stderr=err)
-    deadline = time.monotonic() + 20
-    started = False
-    while time.monotonic() < deadline:
-        with open(err_path) as err:
-            text = err.read()
-        if "Capturing on" in text:
-            started = True
-            break
-        if proc.poll() is not None:
-            break
-        time.sleep(0.1)
-    if not started:
-        if proc.poll() is None:
-            proc.kill()
-        proc.wait()
-        with open(err_path) as err:
-            print(err.read().strip())
-        return False
+        # -P prints each packet as it is captured: the sentinels watch for their own.
+        proc = subprocess.Popen([tshark, "-i", "lo", "-f", "tcp port %d" % port, "-w", pcap, "-P", "-l"],
+                                stdout=subprocess.PIPE, stderr=err, text=True)
+    seen = threading.Event()
+
+    def watch():
+        for _ in proc.stdout:
+            seen.set()
+
+    watcher = threading.Thread(target=watch, daemon=True)
+    watcher.start()
     try:
+        if not sentinel(port, seen, 30, proc):
+            with open(err_path) as err:
+                print(err.read().strip())
+            return False
         for traffic in traffics:
             subprocess.run([str(port) if arg == "{port}" else arg for arg in traffic], check=True, timeout=120)
-        time.sleep(0.5)  # let the last segments reach the capture
+        if not sentinel(port, seen, 30, proc):
+            raise RuntimeError("the capture stopped reporting packets")
     finally:
-        proc.send_signal(signal.SIGINT)
+        if proc.poll() is None:
+            proc.send_signal(signal.SIGINT)
         try:
             proc.wait(timeout=20)
         except subprocess.TimeoutExpired:
             proc.kill()
             proc.wait()
+        watcher.join(timeout=5)
     return True
 
 
@@ -130,7 +149,9 @@ def decode(tshark, pcap, lua, options):
 
 
 def per_stream(text):
-    """field -> values in frame order, per TCP stream; plus how many frames were reassembled."""
+    """field -> values in frame order, per TCP stream that carried the channel (numbered 0, 1, 2
+    in the order of the connections: the empty sentinel connections do not count); plus how
+    many frames were reassembled."""
     streams = {}
     for line in text.splitlines():
         cols = line.split("\t")
@@ -142,7 +163,7 @@ def per_stream(text):
         for field in FIELDS[2:]:
             if row[field] != "":
                 stream.setdefault(field, []).extend(row[field].split("|"))
-    return streams
+    return {i: streams[k] for i, k in enumerate(sorted(streams))}
 
 
 def check(streams):
