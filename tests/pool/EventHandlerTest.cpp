@@ -202,23 +202,3 @@ TEST(EventHandlerConcurrency, PingPongLosesNoWakeUp) {
     ExpectTimedOut(ping.wait_for({1}, 0));
     ExpectTimedOut(pong.wait_for({2}, 0));
 }
-
-TEST(EventHandlerWait, ManyDistinctIdsKeepTheirCountsAndPriority) {
-    // More distinct ids than the list has room for at the start.
-    CEventHandler h;
-    for (int round = 0; round < 3; ++round)
-        for (int id = 0; id < 40; ++id)
-            h.notifyOne(id);
-    // The last id of the list is asked for first: the request order, not the posting order,
-    // decides.
-    EXPECT_EQ(h.wait_for({39, 0}, 0).event, 39);
-    for (int id = 0; id < 40; ++id) {
-        int expectCount = id == 39 ? 2 : 3;
-        for (int n = 0; n < expectCount; ++n) {
-            TResult r = h.wait_for({id}, 0);
-            ASSERT_TRUE(r.signalled) << "id " << id << " post " << n;
-            ASSERT_EQ(r.event, id);
-        }
-        ExpectTimedOut(h.wait_for({id}, 0));
-    }
-}
