@@ -4,6 +4,10 @@
 // runs or anybody waits. A worker is in exactly one of the idle, running and delete queues
 // from its creation until it is reaped; `act` counts the workers not yet reaped, so it drops
 // only where a worker leaves the delete queue (Enqueue or Stop).
+//
+// Speed: the lock is held for list operations only (job records are reused, and the heap is
+// not called under it), contenders spin briefly before they sleep on it, and a worker is woken
+// after the lock is released, so the woken worker does not find the lock held by its waker.
 #define KEL_SOURCE_FILE "Src/threads"
 #include <kel/Exceptions.h>
 #include <kel/Threading.h>
