@@ -102,7 +102,11 @@ void CThreadPool::CPoolThread::Run() {
             break;
         }
         // The thread that handed the job over may not have set the event yet: resetting before
-        // it has would leave a stale signal for the next idle wait.
+        // it has would leave a stale signal for the next idle wait. Waiting here for every
+        // hand-over (not only after a time-out) also matters for speed: the scheduler usually
+        // sets the enqueuing thread aside to run the worker it has just woken, and yielding hands
+        // the processor back to it (measured: skipping the wait after a signalled wait made the
+        // pool about twice as slow under load).
         while (m_bWakePending.load(std::memory_order_acquire))
             std::this_thread::yield();
         m_WakeUp.Reset();
