@@ -356,46 +356,44 @@ TEST(ThreadPoolStress, HandOverRacingTheIdleTimeOutRunsEveryJobOnce) {
 TEST(ThreadPoolJobs, QueueDeeperThanTheKeptRecordsRunsAndReleasesEveryJob) {
     // Job records are reused; a queue far deeper than the records kept for reuse must still
     // run each job once, release each delegate once, and start over cleanly.
-    constexpr int kDepth = 3000;
+    constexpr int kDepth = 3000, kRounds = 3;
     std::vector<std::atomic<int>> runs(kDepth);
     std::atomic<int> destroyed{0};
+    // Declared before the pool, so that the workers are gone before these are.
+    Gate gates[kRounds];
+    std::atomic<int> blocked[kRounds] = {}, passed[kRounds] = {};
     CThreadPool pool;
     ASSERT_EQ(pool.Init(0, 1, 60000), 1u);
-    for (int round = 0; round < 2; ++round) {
-        Gate gate;
-        std::atomic<int> blocked{0};
+    // Both workers (the maximum plus one) block on the round's gate; the jobs behind them queue.
+    auto blockAndQueue = [&](int round) {
         for (int i = 0; i < 2; ++i)
-            pool.Enqueue(MakeDelegate([&] {
-                ++blocked;
-                gate.Pass();
+            pool.Enqueue(MakeDelegate([&, round] {
+                ++blocked[round];
+                gates[round].Pass();
+                ++passed[round];
             }));
-        ASSERT_TRUE(Eventually([&] { return blocked == 2; }));
+        ASSERT_TRUE(Eventually([&] { return blocked[round] == 2; }));
         for (int i = 0; i < kDepth; ++i)
             ASSERT_EQ(pool.Enqueue(CDelegate(new CCountingCb(&runs[i], &destroyed))), 1u);
         EXPECT_EQ(pool.GetQueuedJobCount(), static_cast<unsigned int>(kDepth));
         EXPECT_EQ(destroyed.load(), round * kDepth);
-        gate.open = true;
-        ASSERT_TRUE(Eventually([&] { return destroyed == (round + 1) * kDepth; })) << "round " << round;
+    };
+    for (int round = 0; round < 2; ++round) {
+        blockAndQueue(round);
+        gates[round].open = true;
+        ASSERT_TRUE(Eventually([&] { return destroyed == (round + 1) * kDepth && passed[round] == 2; }))
+            << "round " << round;
         EXPECT_EQ(pool.GetQueuedJobCount(), 0u);
         for (int i = 0; i < kDepth; ++i)
             ASSERT_EQ(runs[i].load(), round + 1) << "round " << round << " job " << i;
     }
-    // A third batch is dropped by Stop: released, never run.
-    Gate gate;
-    std::atomic<int> blocked{0};
-    for (int i = 0; i < 2; ++i)
-        pool.Enqueue(MakeDelegate([&] {
-            ++blocked;
-            gate.Pass();
-        }));
-    ASSERT_TRUE(Eventually([&] { return blocked == 2; }));
-    for (int i = 0; i < kDepth; ++i)
-        ASSERT_EQ(pool.Enqueue(CDelegate(new CCountingCb(&runs[i], &destroyed))), 1u);
+    // The third batch is dropped by Stop: released, never run.
+    blockAndQueue(2);
     std::thread opener([&] {
         // The gate opens only once Stop has closed the pool (SetIdleTime is then refused), so
         // the workers must leave without touching the queue.
         EXPECT_TRUE(Eventually([&] { return pool.SetIdleTime(60000) != 1u; }));
-        gate.open = true;
+        gates[2].open = true;
     });
     EXPECT_EQ(pool.Stop(), 1u);
     opener.join();
