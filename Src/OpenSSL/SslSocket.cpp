@@ -11,7 +11,9 @@
 #include <kel/Trace.h>
 
 #include "OpenSSL/SslModuleInfo.h"
+#include "Posix/Socket_Posix.h"
 
+#include <openssl/bio.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 
@@ -65,6 +67,35 @@ bool IsUnexpectedEof(unsigned long code) noexcept {
     (void)code;
     return false;
 #endif
+}
+
+// OpenSSL's socket BIO writes with write(), which raises SIGPIPE once the peer has gone and
+// would end the process; a library must not change the process's signal disposition. This
+// socket BIO is OpenSSL's in everything but the write, which goes through the library's send.
+int SendNoSignal(BIO* bio, const char* data, int size) {
+    int fd = -1;
+    BIO_get_fd(bio, &fd);
+    const long long n = Internals::Posix::SocketSend(static_cast<unsigned long long>(fd), data,
+                                                    size > 0 ? static_cast<size_t>(size) : 0);
+    BIO_clear_retry_flags(bio);
+    if (n <= 0 && BIO_sock_should_retry(static_cast<int>(n))) BIO_set_retry_write(bio);
+    return static_cast<int>(n);
+}
+
+BIO_METHOD* SocketBioMethod() {
+    static BIO_METHOD* const s_pMethod = [] {
+        const BIO_METHOD* socket = BIO_s_socket();
+        BIO_METHOD* method = BIO_meth_new(BIO_TYPE_SOCKET, "kelbase socket");
+        if (!method) return method;
+        BIO_meth_set_write(method, SendNoSignal);
+        BIO_meth_set_read(method, BIO_meth_get_read(socket));
+        BIO_meth_set_puts(method, BIO_meth_get_puts(socket));
+        BIO_meth_set_ctrl(method, BIO_meth_get_ctrl(socket));
+        BIO_meth_set_create(method, BIO_meth_get_create(socket));
+        BIO_meth_set_destroy(method, BIO_meth_get_destroy(socket));
+        return method;
+    }();
+    return s_pMethod;
 }
 
 [[noreturn]] void RaiseSocketError(int error, const Strings::CStringVar& queue) {
@@ -206,7 +237,12 @@ void CSslSocket::Secure(CSslContext& context, CSslSession* session) {
     m_pSsl = SSL_new(context);
     if (!m_pSsl) KEL_RAISE_SSL(0x2001005Eu, "SSL_new failed");
     SSL_ctrl(m_pSsl, SSL_CTRL_MODE, SSL_MODE_AUTO_RETRY, nullptr);
-    if (SSL_set_fd(m_pSsl, static_cast<int>(m_hSocket)) != 1) KEL_RAISE_SSL(0x2001005Eu, "SSL_set_fd failed");
+    // The SSL_set_fd binding, with a socket BIO that never raises SIGPIPE.
+    BIO_METHOD* method = SocketBioMethod();
+    BIO* bio = method ? BIO_new(method) : nullptr;
+    if (!bio) KEL_RAISE_SSL(0x2001005Eu, "Can't bind the SSL handle to the socket");
+    BIO_set_fd(bio, static_cast<int>(m_hSocket), BIO_NOCLOSE);
+    SSL_set_bio(m_pSsl, bio, bio);
     if (session && !session->IsEmpty() && SSL_set_session(m_pSsl, *session) != 1)
         KEL_RAISE_SSL(0x2001005Fu, "SSL_set_session failed");
     if (m_bAccepted)

@@ -400,6 +400,35 @@ TEST_F(TlsPair, PeerDroppingTcpWithoutTlsCloseThrowsClosedByPeer) {
     EXPECT_TRUE(traced);
 }
 
+TEST_F(TlsPair, TalkingToAPeerThatLeftRaisesNoSigpipe) {
+    SecureDefault();
+    m_Server.Abort(); // the connection is reset
+    ASSERT_EQ(m_Client.Wait(kHangGuardMs), 1u);
+    // The close alert goes to a reset connection: a plain write() there raises SIGPIPE and ends
+    // this program.
+    EXPECT_EQ(m_Client.Close(), 1u);
+
+    CSslSocket client, server;
+    client.SetTimeout(kHangGuardMs);
+    client.ConnectLocal(m_nPort);
+    ASSERT_EQ(m_Listener.Wait(kHangGuardMs), 1u);
+    ASSERT_EQ(m_Listener.Accept(server), 1u);
+    CSslContext clientCtx = ClientContext(), serverCtx = ServerContext();
+    std::thread t([&] { RaisedCode([&] { server.MakeSecure(serverCtx); }); });
+    ASSERT_EQ(RaisedCode([&] { client.MakeSecure(clientCtx); }), 0u);
+    t.join();
+    // The peer closes its descriptor without a TLS close: the first write draws a reset, the
+    // ones after it meet a broken pipe.
+    server.CSocket::Close();
+    EXPECT_EQ(RaisedCode([&] {
+                  for (int i = 0; i < 2000; ++i) {
+                      client.Write("w", 1, nullptr);
+                      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                  }
+              }),
+              0x20010024u);
+}
+
 TEST_F(TlsPair, PeerClosingTcpWithoutTlsCloseFailsACompleteRead) {
     SecureDefault();
     ::shutdown(static_cast<int>(m_Server.GetNativeHandle()), SHUT_WR); // FIN, no close alert
