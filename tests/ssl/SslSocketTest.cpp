@@ -524,3 +524,41 @@ TEST_F(TlsPair, GarbageInsteadOfAHandshakeFailsWithOpensslsReason) {
     // A failed socket cannot pretend to finish its handshake.
     EXPECT_EQ(RaisedCode([&] { m_Client.CheckNegotiation(); }), 0x20010058u);
 }
+
+TEST_F(TlsPair, CancelEndsAHandshakeWaitWithThreadInterrupt) {
+    CSslContext ctx = ClientContext();
+    std::atomic<unsigned int> code{0};
+    Threading::CEvent waiting = kel_test::NewEvent(true, false);
+    Threading::CThread t;
+    t.Create(kel_test::Fn([&] {
+        waiting.Set();
+        code = RaisedCode([&] { m_Client.MakeSecure(ctx); }); // the server never answers
+    }));
+    ASSERT_EQ(waiting.Wait(kHangGuardMs), 1u);
+    t.Cancel();
+    ASSERT_EQ(t.Wait(kHangGuardMs), 1u);
+    EXPECT_EQ(code.load(), 0x2001003Au);
+    EXPECT_FALSE(m_Client.IsSecure());
+}
+
+TEST_F(TlsPair, ReadTracesItsStepsWithTheSocketAndSizes) {
+    SecureDefault();
+    char in[64];
+    size_t got = 0;
+    while (m_Client.Read(in, sizeof in, &got) == URET_Ok) {
+    }
+    m_Server.Write("0123456789", 10, nullptr);
+    ASSERT_EQ(m_Client.Wait(kHangGuardMs), 1u);
+    CTraceCapture trace(0x40000000u);
+    ASSERT_EQ(m_Client.Read(in, sizeof in, &got), URET_Ok);
+    EXPECT_EQ(m_Client.Read(in, sizeof in, &got), URET_WouldBlock);
+    char begin[96];
+    std::snprintf(begin, sizeof begin, "Begin Read() on socket=0x%llx for max (64) bytes", m_Client.GetNativeHandle());
+    const std::vector<std::string> expected = {begin, "SSL_read() returns=10", "return(URET_Ok)", begin,
+                                               "return(URET_WouldBlock)"};
+    std::vector<std::string> seen;
+    for (const std::string& e : CTraceCapture::Entries())
+        for (const char* x : {static_cast<const char*>(begin), "SSL_read() returns=10", "return(URET_Ok)", "return(URET_WouldBlock)"})
+            if (kel_test::EndsWith(e, x)) seen.push_back(x);
+    EXPECT_EQ(seen, expected);
+}
