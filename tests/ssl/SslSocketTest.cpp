@@ -509,18 +509,22 @@ TEST_F(TlsPair, GarbageInsteadOfAHandshakeFailsWithOpensslsReason) {
     const std::string serverLog = ErrorLogText();
     EXPECT_NE(serverLog.find("SSL routines"), std::string::npos) << serverLog;
     EXPECT_NE(serverLog.find("N-Error : OpenSSL"), std::string::npos) << serverLog;
+    EXPECT_NE(serverLog.find("Message : SSL can't accept\n"), std::string::npos) << serverLog;
 
     m_Server.CSocket::Write(garbage, sizeof garbage - 1, nullptr);
     CTraceCapture trace(0x40000000u);
     EXPECT_EQ(RaisedCode([&] { m_Client.MakeSecure(clientCtx); }), 0x20010058u);
     EXPECT_NE(ErrorLogText().find("SSL routines"), std::string::npos) << ErrorLogText();
-    bool begin = false, error = false;
+    EXPECT_NE(ErrorLogText().find("Message : SSL can't connect\n"), std::string::npos) << ErrorLogText();
+    bool begin = false, error = false, kind = false;
     for (const std::string& e : CTraceCapture::Entries()) {
+        kind |= kel_test::EndsWith(e, "SSL_get_error returns=1");
         begin |= kel_test::EndsWith(e, "Begin CheckSslCall() sslFunctionReturnValue=-1, sslFunction=1");
         error |= e.find("SSL_ERROR ") != std::string::npos && e.find(":SSL routines:") != std::string::npos;
     }
     EXPECT_TRUE(begin);
     EXPECT_TRUE(error);
+    EXPECT_TRUE(kind);
     // A failed socket cannot pretend to finish its handshake.
     EXPECT_EQ(RaisedCode([&] { m_Client.CheckNegotiation(); }), 0x20010058u);
 }
