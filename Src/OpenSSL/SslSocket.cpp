@@ -412,10 +412,11 @@ void CSslSocket::EndTls(SHUTDOWN_MODE mode) {
         errno = 0;
         r = SSL_shutdown(m_pSsl);
         if (r >= 0) break;
-        CheckSslCall(r, SSLF_Shutdown);
+        if (CheckSslCall(r, SSLF_Shutdown) == 0) KEL_RAISE_SSL(0x2001005Au, "SSL_shutdown returned %d", r);
     }
     if (mode != SM_Both) return;
-    while (r != 1) {
+    for (unsigned int dropped = 0; r != 1; ++dropped) {
+        if (dropped >= kMaxReadRetries) KEL_RAISE(0x2001005Au, "No close from the peer after %d records", dropped);
         ERR_clear_error();
         errno = 0;
         r = SSL_shutdown(m_pSsl);
@@ -424,7 +425,7 @@ void CSslSocket::EndTls(SHUTDOWN_MODE mode) {
         // 0: a record that came before the peer's close was dropped; look again.
         if (r < 0) {
             errno = callError;
-            CheckSslCall(r, SSLF_Shutdown);
+            if (CheckSslCall(r, SSLF_Shutdown) == 0) KEL_RAISE_SSL(0x2001005Au, "SSL_shutdown returned %d", r);
         }
     }
 }

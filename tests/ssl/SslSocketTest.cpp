@@ -380,6 +380,23 @@ TEST_F(TlsPair, TwoWayCloseWaitsForThePeersClose) {
     EXPECT_TRUE(traced);
 }
 
+TEST_F(TlsPair, QuietCloseSendsNoAlertSoThePeerSeesADroppedConnection) {
+    SecureDefault();
+    EXPECT_EQ(m_Client.SetShutdownMode(SM_Receive), SM_Send); // one-way is the default
+    EXPECT_EQ(m_Client.Close(), 1u);
+    char in[8];
+    size_t got = 0;
+    unsigned int r = URET_WouldBlock;
+    EXPECT_EQ(RaisedCode([&] {
+                  for (int i = 0; i < 100 && r == URET_WouldBlock; ++i) {
+                      m_Server.Wait();
+                      r = m_Server.Read(in, sizeof in, &got);
+                  }
+              }),
+              0x20010024u);
+    EXPECT_EQ(r, URET_WouldBlock); // never 134: no close alert came
+}
+
 TEST_F(TlsPair, PeerDroppingTcpWithoutTlsCloseThrowsClosedByPeer) {
     SecureDefault();
     CTraceCapture trace(0x40000000u);
