@@ -1,7 +1,9 @@
 // TLS sockets: kelbase's CSslSocket next to a plain OpenSSL loop on blocking sockets, with the
 // same contexts (so the same protocol and cipher) in the same process, over loopback:
 //   - bulk transfer in 16 KiB writes, read back by a second thread in 16 KiB reads;
-//   - full handshakes (TCP connect, handshake, close) per second.
+//   - full handshakes (TCP connect, handshake, close) per second;
+//   - message channel round trips (CKelSocketClient/Server) over TLS next to a raw ping-pong
+//     that moves the same numbers of bytes each way.
 // Both sides of each row run the same steps; the ratios are printed at the end.
 #include <kel/kelbase.h>
 
@@ -12,7 +14,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <netinet/tcp.h>
+#include <linux/tcp.h> // TCP_NODELAY and tcp_info with the byte counters
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -20,6 +22,7 @@
 #include <csignal>
 #include <cstdio>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -229,6 +232,125 @@ void BM_KelTlsHandshake(benchmark::State& state) {
 }
 BENCHMARK(BM_KelTlsHandshake)->UseRealTime();
 
+// ---- message channel round trips ------------------------------------------------------------
+
+constexpr unsigned int kApplication = 0x4B454C53;
+
+void ChannelRequest(CKelSocketClient& client) {
+    client.StartRequest(1000);
+    client << 123456 << -42 << std::string("status of adapter 0");
+    unsigned int ack = 0;
+    client.WaitForAck(ack);
+    int result = 0;
+    client >> result;
+    client.EndRequest();
+}
+
+bool ChannelAnswer(CKelSocketServer& server) {
+    unsigned int code = 0;
+    if (server.WaitForRequest(code) != 1) return false;
+    int a = 0, b = 0;
+    std::string text;
+    server >> a >> b >> text;
+    server.SendAck(1);
+    server << 654321;
+    server.EndAck();
+    return true;
+}
+
+unsigned long long BytesReceived(unsigned long long handle) {
+    tcp_info info{};
+    socklen_t len = sizeof info;
+    getsockopt(static_cast<int>(handle), IPPROTO_TCP, TCP_INFO, &info, &len);
+    return info.tcpi_bytes_received;
+}
+
+// The bytes one round trip puts on the wire each way, measured once on plain loopback, so that
+// the raw peer moves exactly as many.
+struct CRoundTripBytes {
+    size_t request = 0, answer = 0;
+    static const CRoundTripBytes& Get() {
+        static const CRoundTripBytes s_Bytes = [] {
+            CRoundTripBytes bytes;
+            CSocketListener listener;
+            listener.StartListen(0, 0);
+            CSocket client, server;
+            client.SetTimeout(kGuardMs);
+            client.ConnectLocal(listener.GetLocalAddr().GetPort());
+            listener.Wait(kGuardMs);
+            listener.Accept(server);
+            server.SetTimeout(kGuardMs);
+            CKelSocketServer serverChannel;
+            CKelSocketClient clientChannel;
+            std::thread t([&] {
+                KEL::Threading::CThrowState::SetThrow(1);
+                serverChannel.Attach(server, kApplication);
+                for (int i = 0; i < 2; ++i) ChannelAnswer(serverChannel);
+            });
+            clientChannel.Attach(client, kApplication);
+            ChannelRequest(clientChannel); // the first one may differ (buffers, first waits)
+            const unsigned long long toServer = BytesReceived(server.GetNativeHandle());
+            const unsigned long long toClient = BytesReceived(client.GetNativeHandle());
+            ChannelRequest(clientChannel);
+            t.join();
+            bytes.request = static_cast<size_t>(BytesReceived(server.GetNativeHandle()) - toServer);
+            bytes.answer = static_cast<size_t>(BytesReceived(client.GetNativeHandle()) - toClient);
+            return bytes;
+        }();
+        return s_Bytes;
+    }
+};
+
+void BM_RawTlsPingPong(benchmark::State& state) {
+    CContexts& ctx = CContexts::Get();
+    const CRoundTripBytes& bytes = CRoundTripBytes::Get();
+    unsigned short port = 0;
+    const int listener = RawListen(port);
+    const int clientFd = RawConnect(port);
+    const int serverFd = RawAccept(listener);
+    SSL* server = nullptr;
+    std::thread accept([&] { server = RawSsl(ctx.server, serverFd, true); });
+    SSL* client = RawSsl(ctx.client, clientFd, false);
+    accept.join();
+    const long long rounds = static_cast<long long>(state.max_iterations);
+    std::thread peer([&] {
+        std::vector<char> in(bytes.request), out(bytes.answer, 'a');
+        for (long long i = 0; i < rounds; ++i) {
+            if (!RawReadAll(server, in.data(), in.size())) break;
+            SSL_write(server, out.data(), static_cast<int>(out.size()));
+        }
+    });
+    std::vector<char> out(bytes.request, 'r'), in(bytes.answer);
+    for (auto _ : state) {
+        SSL_write(client, out.data(), static_cast<int>(out.size()));
+        RawReadAll(client, in.data(), in.size());
+    }
+    peer.join();
+    state.SetLabel(std::to_string(bytes.request) + "+" + std::to_string(bytes.answer) + " bytes");
+    RawClose(client, clientFd);
+    RawClose(server, serverFd);
+    ::close(listener);
+}
+BENCHMARK(BM_RawTlsPingPong)->UseRealTime();
+
+void BM_KelTlsChannelRoundTrip(benchmark::State& state) {
+    KEL::Threading::CThrowState::SetThrow(1);
+    CKelPair pair;
+    const long long rounds = static_cast<long long>(state.max_iterations);
+    CKelSocketServer serverChannel;
+    CKelSocketClient clientChannel;
+    std::thread peer([&] {
+        KEL::Threading::CThrowState::SetThrow(1);
+        serverChannel.Attach(pair.server, kApplication);
+        for (long long i = 0; i < rounds; ++i)
+            if (!ChannelAnswer(serverChannel)) break;
+    });
+    clientChannel.Attach(pair.client, kApplication);
+    for (auto _ : state) ChannelRequest(clientChannel);
+    peer.join();
+}
+BENCHMARK(BM_KelTlsChannelRoundTrip)->UseRealTime();
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -238,5 +360,6 @@ int main(int argc, char** argv) {
         // Targets: at least 0.9x the peer's rate, i.e. at most 1/0.9 of its time.
         reporter.PrintRatio("BM_KelTlsBulk16K", "BM_RawTlsBulk16K", 1.0 / 0.9);
         reporter.PrintRatio("BM_KelTlsHandshake", "BM_RawTlsHandshake", 1.0 / 0.9);
+        reporter.PrintRatio("BM_KelTlsChannelRoundTrip", "BM_RawTlsPingPong", 1.0 / 0.9);
     });
 }

@@ -303,14 +303,9 @@ unsigned int CSslSocket::Read(void* buffer, size_t size, size_t* got, READ_MODE 
     if (got) *got = 0;
     if (size == 0) return URET_Ok;
     const bool peek = mode == RM_Peek;
-    if (got && SSL_pending(m_pSsl) == 0 && !SSL_has_pending(m_pSsl) && !CanRead()) {
-        // Nothing decrypted and no sign of input: one look at the socket decides.
-        CSocket::Wait(0);
-        if (!CanRead()) {
-            KEL_TRACE(KEL_MODULE_INFO_KelLib, kTraceTls, kRead, "return(URET_WouldBlock)");
-            return URET_WouldBlock;
-        }
-    }
+    // Whether the socket had said it has input: only then does a read without a byte count
+    // against the socket.
+    const bool signalled = CanRead();
     char* out = static_cast<char*>(buffer);
     size_t total = 0;
     for (;;) {
@@ -346,9 +341,9 @@ unsigned int CSslSocket::Read(void* buffer, size_t size, size_t* got, READ_MODE 
             if (got) return URET_PeerClosed;
             KEL_RAISE(0x20010024u, "Socket connection closed by peer");
         } else if (got && SSL_get_error(m_pSsl, n) == SSL_ERROR_WANT_READ) {
-            // The socket said it had input, yet no record is complete (or it held only
-            // handshake messages): the caller waits for more and comes back.
-            CountRetry();
+            // No record is complete (or the input held only handshake messages): the caller
+            // waits for more and comes back.
+            if (signalled) CountRetry();
             m_uStatus &= ~ST_CanRead;
             ERR_clear_error();
             KEL_TRACE(KEL_MODULE_INFO_KelLib, kTraceTls, kRead, "return(URET_WouldBlock)");
