@@ -174,15 +174,15 @@ private:
         const boost::filesystem::path folder = m_home / "monitor";
         const boost::filesystem::path keyFile = folder / "service-key.pem";
         const boost::filesystem::path certFile = folder / "service-cert.pem";
-        Ssl::CSslKey key;
-        Ssl::CSslCertificate certificate;
+        Sockets::CSslKey key;
+        Sockets::CSslCertificate certificate;
         if (boost::filesystem::exists(keyFile) && boost::filesystem::exists(certFile)) {
             key.Read(ReadWhole(keyFile));
             certificate.Read(ReadWhole(certFile));
             Say("service", Text("TLS identity kept from an earlier run (%s)", folder.string()));
         } else {
             boost::filesystem::create_directories(folder);
-            Ssl::CERTIFICATE_DATA data;
+            Sockets::CERTIFICATE_DATA data;
             data.organization = "kelbase demo";
             data.commonName = "localhost";
             data.subjectAltNames = {"DNS:localhost", "IP:127.0.0.1", "IP:::1"};
@@ -199,7 +199,7 @@ private:
         Strings::CStringVar subject;
         certificate.GetSubjectName(subject);
         Say("service", Text("certificate subject: %s", subject));
-        m_context.MakeContext(Ssl::SSLM_Default);
+        m_context.MakeContext(Sockets::SSLM_Default);
         m_context.SetPrivateKey(key);
         m_context.SetCertificate(certificate);
     }
@@ -280,8 +280,8 @@ private:
             for (const LOGICAL_DRIVE& drive : s_drives)
                 channel << drive.id << drive.raidLevel << Code(ValueCodeNames, drive.state)
                         << drive.sizeGB << drive.name;
-            channel.EndAck();
             Say("service", Text("answered with %d logical drives of controller %d", std::size(s_drives), controller));
+            channel.EndAck();
         } else if (name == "START_REBUILD") {
             int drive = 0, slot = 0;
             channel >> drive >> slot;
@@ -291,8 +291,8 @@ private:
                 Delegates_and_Calls::MakeWaitableCall([this, drive] { Rebuild(drive); });
             m_pool.Enqueue(rebuild);
             channel.SendAck(URET_Ok);
-            channel.EndAck();
             Say("service", Text("rebuild of drive %d onto slot %d runs on the pool", drive, slot));
+            channel.EndAck();
             rebuild.Wait();
             channel.SetEvents(kEventLogChanged);
             Say("service", "rebuild done; told the client that events are pending");
@@ -306,8 +306,8 @@ private:
             channel << static_cast<unsigned int>(events.size());
             for (const EVENT_RECORD& event : events)
                 channel << event.code << event.drive;
-            channel.EndAck();
             Say("service", Text("sent %d event records", events.size()));
+            channel.EndAck();
         } else if (name == "NVRAM_LOG") {
             FILE* log = std::tmpfile();
             if (!log) KEL_RAISE_NATIVE(0x20010017u, Functions::GetOsError(), "No temporary file for the log");
@@ -316,15 +316,15 @@ private:
                              line / 10, line % 3);
             channel.SendAck(URET_Ok);
             channel << log;
-            channel.EndAck();
             Say("service", Text("sent the controller log as a file of %d bytes", std::ftell(log)));
+            channel.EndAck();
             std::fclose(log);
         } else {
             channel.Skip(); // the parameters of an operation this service does not know
             const int error = Code(ErrorCodeNames, "INVALID_OPERATION");
             channel.SendAck(static_cast<unsigned int>(error));
-            channel.EndAck();
             Say("service", Text("not supported here: acknowledged with error %d", error));
+            channel.EndAck();
         }
     }
 
@@ -346,7 +346,7 @@ private:
     };
 
     boost::filesystem::path m_home;
-    Ssl::CSslContext m_context;
+    Sockets::CSslContext m_context;
     Sockets::CSocketListener m_listener;
     Threading::CThreadPool m_pool;
     Threading::CThread m_acceptor;
@@ -384,8 +384,8 @@ int RunClient(const std::string& host, unsigned int port) {
     CThrowMode throwing;
     Threading::CCurrentThread().SetLngId(CMonitorService::s_uLanguage);
     try {
-        Ssl::CSslContext context;
-        context.MakeContext(Ssl::SSLM_Default); // the demo's certificate is self-signed: no verification
+        Sockets::CSslContext context;
+        context.MakeContext(Sockets::SSLM_Default); // the demo's certificate is self-signed: no verification
 
         // A program with another application id is refused by the service: shown in status mode.
         {
@@ -421,7 +421,7 @@ int RunClient(const std::string& host, unsigned int port) {
                     unsigned int size = 0;
                     std::string name;
                     c >> id >> level >> state >> size >> name;
-                    Say("client", Text("  drive %d  RAID-%d  %+ 5d GB  %-.10s %s", id, level, size, name, Label(state)));
+                    Say("client", Text("  drive %d  RAID-%d  %+ 5d GB  %- 10s %s", id, level, size, name, Label(state)));
                 }
             });
 
@@ -519,7 +519,7 @@ int main(int argc, char** argv) {
     Trace::CTrace trace;
     if (trace.Open(program.parent_path(), "Monitor") != URET_Ok)
         Say("main", "no trace file:\n" + ErrorLogText());
-    Ssl::InitSslLibrary();
+    Sockets::InitSslLibrary();
 
     int result = 0;
     if (mode == CLIENT) {
@@ -545,6 +545,6 @@ int main(int argc, char** argv) {
         service.Stop();
     }
     Say("main", Text("trace written to %s", trace.GetLogDirectory().string()));
-    Ssl::UninitSslLibrary();
+    Sockets::UninitSslLibrary();
     return result;
 }
