@@ -4,13 +4,16 @@
 // `%`-directive formatting with alignment and re-ordered fields, one failing operation read
 // back first as a returned status and then caught as an exception with the rendered error log,
 // one event text in two languages from two threads, a batch of jobs on the thread pool with one
-// failing job's error read back from its delegate, and the trace file all of it went to.
+// failing job's error read back from its delegate, a client and a server talking over the
+// message channel on loopback, and the trace file all of it went to.
 #define KEL_SOURCE_FILE "examples/kel_demo" // the area named in error logs
 #include <kel/kelbase.h>
 
 #include <boost/filesystem/operations.hpp>
 
 #include <cstdio>
+#include <mutex>
+#include <string>
 #include <vector>
 #include <thread>
 
@@ -134,6 +137,95 @@ void Pool() {
     std::fputs(line.C_Str(), stdout);
 }
 
+// A client and a server on loopback: handshake, a request with parameters answered with
+// results, an event pushed by the server and fetched by the client, a file, and the close.
+void Channel() {
+    Section(" message channel ");
+    constexpr unsigned int kDemoApp = 0x44454D4Fu; // both ends must agree on it
+    std::mutex printing;
+    auto say = [&](const char* who, const std::string& what) {
+        std::lock_guard<std::mutex> hold(printing);
+        std::printf("  %s: %s\n", who, what.c_str());
+    };
+    Sockets::CSocketListener listener;
+    Sockets::CSocket clientSocket, serverSocket;
+    listener.StartListen(0, 0);
+    clientSocket.ConnectLocal(listener.GetLocalAddr().GetPort());
+    listener.Wait(5000);
+    listener.Accept(serverSocket);
+
+    std::thread server([&] {
+        Sockets::CKelSocketServer s;
+        if (s.Attach(serverSocket, kDemoApp) != 1) return say("server", "handshake failed");
+        say("server", "client accepted");
+        for (;;) {
+            unsigned int code = 0;
+            const unsigned int r = s.WaitForRequest(code);
+            if (r == URET_Timeout) {
+                say("server", "answered an events query");
+                continue;
+            }
+            if (r != 1) {
+                say("server", r == URET_Closed ? "client said goodbye, closing" : "request failed");
+                break;
+            }
+            if (code == 1) {
+                int controller = 0;
+                std::string array;
+                s >> controller >> array;
+                say("server", "request 1 (array state) for controller " + std::to_string(controller) + ", " + array);
+                s.SendAck(0);
+                s << 2048u << "optimal";
+                s.EndAck();
+                s.SetEvents(0x4);
+                say("server", "event 0x4 (rebuild finished) set for the client");
+            } else {
+                s.Skip();
+                say("server", "request " + std::to_string(code) + " (controller log): sending a file");
+                s.SendAck(0);
+                FILE* log = std::tmpfile();
+                for (int i = 0; i < 500; ++i) std::fprintf(log, "%04d: slot %d ok\n", i, i % 8);
+                s << log;
+                std::fclose(log);
+                s.EndAck();
+            }
+        }
+        s.Close();
+    });
+
+    Sockets::CKelSocketClient c;
+    if (c.Attach(clientSocket, kDemoApp) != 1) {
+        say("client", "handshake failed");
+    } else {
+        say("client", "connected, server speaks protocol version " + std::to_string(c.GetPeerVersion()));
+        unsigned int ack = 0;
+        c.StartRequest(1);
+        c << 0 << "array-5";
+        c.WaitForAck(ack);
+        unsigned int sizeGb = 0;
+        std::string state;
+        c >> sizeGb >> state;
+        c.EndRequest();
+        say("client", "ack " + std::to_string(ack) + ": " + std::to_string(sizeGb) + " GB, " + state);
+        unsigned long long events = 0;
+        if (c.Wait(5000) == 1 && c.GetEvents(events) == 1) {
+            TString<64> text;
+            text.Format("events fetched: 0x%X") << events;
+            say("client", text.C_Str());
+        }
+        c.StartRequest(2);
+        c.WaitForAck(ack);
+        FILE* copy = std::tmpfile();
+        c >> copy;
+        c.EndRequest();
+        say("client", "controller log received, " + std::to_string(std::ftell(copy)) + " bytes");
+        std::fclose(copy);
+        c.Close();
+        say("client", "closed");
+    }
+    server.join();
+}
+
 // The trace lives beside the program: <program folder>/logs/Demo_<pid>_<n>.log, with its
 // settings in <program folder>/Demo.ini (defaults when there is none).
 void ShowTrace(const Trace::CTrace& trace) {
@@ -169,6 +261,7 @@ int main() {
     Failures();
     Languages();
     Pool();
+    Channel();
 
     KEL_TRACE(KEL_MODULE_INFO_KelLib, 0x20000000, "main", "kelbase demo ends\n");
     ShowTrace(trace);

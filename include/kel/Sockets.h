@@ -193,3 +193,400 @@ protected:
 
 } // namespace Sockets
 } // namespace KEL
+
+// ---- the message channel --------------------------------------------------------------------
+//
+// CKelSocket turns a connected CSocket (or a TLS socket derived from it) into a typed,
+// half-duplex request/acknowledge channel: a stream of one-byte commands, most followed by a
+// big-endian number of one to eight bytes, some by raw payload. CKelSocketClient sends requests,
+// CKelSocketServer answers them and can push an "events pending" notice. The channel does not
+// own its socket; it only uses the socket's virtual operations, so any CSocket runs it.
+//
+//     client: Attach, StartRequest(code), << params, WaitForAck(ack), >> results, EndRequest
+//     server: Attach, WaitForRequest(code), >> params, SendAck(ack), << results, EndAck
+//
+// Public operations return a status (or throw it, by the thread's throw mode) and set the
+// error flag (128) over the channel state when they fail; stream operators throw the library
+// exception and set the same flag. Once flagged, every operation that checks the state fails
+// with 0x2001002A until Skip clears the flag or the channel is closed.
+
+#include <cstdio>
+#include <cstring>
+
+namespace KEL {
+namespace Sockets {
+
+/// The shared half of both channel ends: framing, buffering, typed values and the state.
+/// One thread uses a channel at a time.
+class KEL_API CKelSocket {
+public:
+    /// One TCP segment's payload on Ethernet: a full buffer leaves as one segment.
+    static constexpr size_t BUFFER_SIZE = 1460;
+
+    /// Command codes on the wire (the low three bits of the ranged codes give the length of
+    /// the number that follows, minus one).
+    enum STC : unsigned int {
+        STC_Close = 0x00,
+        STC_WaitAck = 0x01,
+        STC_EndAck = 0x02,
+        STC_EventsPending = 0x03,
+        STC_GetEvents = 0x04,
+        STC_KeepAlive = 0x05,
+        STC_EmptyString = 0x06,
+        STC_File = 0x70,
+        STC_BinBlockStart = 0x78,
+        STC_BinBlockCont = 0x80,
+        STC_Request = 0x88,
+        STC_Ack = 0x90,
+        STC_String = 0x98,
+        STC_Events = 0xA0,
+        STC_Version = 0xA8,
+        STC_UInt = 0xB0,
+        STC_NegInt = 0xB8,
+        STC_SmallUInt = 0xC0,
+        STC_SmallNegInt = 0xE0,
+    };
+    /// Channel states; ST_Error is a flag laid over the current state.
+    enum STATE : unsigned int {
+        ST_Detached = 0,
+        ST_Idle = 1,
+        ST_Send = 2,
+        ST_Read = 3,
+        ST_ReadBlock = 4,
+        ST_Closed = 5,
+        ST_Error = 128,
+    };
+    /// `m_peekCmd` when nothing was put back.
+    static constexpr unsigned int NO_PEEK = 256;
+    /// The protocol version this library speaks (version byte 1).
+    static constexpr unsigned int PROTOCOL_VERSION = 0x0100;
+    /// Files travel in pieces of at most this many bytes.
+    static constexpr size_t FILE_PIECE = 4096;
+
+    CKelSocket() noexcept;
+    virtual ~CKelSocket();
+    CKelSocket(const CKelSocket&) = delete;
+    CKelSocket& operator=(const CKelSocket&) = delete;
+
+    /// Writes a binary block: STC_BinBlockCont when `continued` is non-zero (it extends the
+    /// block just written), else STC_BinBlockStart, with `size`, then the bytes. Needs ST_Send.
+    CKelSocket& Write(const void* data, size_t size, unsigned int continued = 0);
+    /// Reads (part of) a binary block and its continuations into `buffer`: 1 when the block
+    /// is complete (got = bytes of this call; a zero-length block gives 1 and got 0 at once),
+    /// 132 (URET_MoreData) when `buffer` is full and the block goes on (call again).
+    /// 0x20010028 when no block comes (the command is put back), 0x2001002F when the
+    /// connection ends inside the block. Needs ST_Read or ST_ReadBlock.
+    unsigned int Read(void* buffer, size_t size, size_t& got);
+
+    /// Integers in the fewest bytes: 0..31 and -1..-31 as one byte, others as a number of
+    /// one to eight bytes. -32 goes out as 0xE0, which every reader takes as 0.
+    CKelSocket& operator<<(signed char v) { return PutSigned(v); }
+    CKelSocket& operator<<(short v) { return PutSigned(v); }
+    CKelSocket& operator<<(int v) { return PutSigned(v); }
+    CKelSocket& operator<<(long v) { return PutSigned(v); }
+    CKelSocket& operator<<(long long v) { return PutSigned(v); }
+    CKelSocket& operator<<(unsigned char v) { return PutUnsigned(v); }
+    CKelSocket& operator<<(unsigned short v) { return PutUnsigned(v); }
+    CKelSocket& operator<<(unsigned int v) { return PutUnsigned(v); }
+    CKelSocket& operator<<(unsigned long v) { return PutUnsigned(v); }
+    CKelSocket& operator<<(unsigned long long v) { return PutUnsigned(v); }
+    /// Strings: an empty one is the single byte STC_EmptyString; a null pointer is empty.
+    CKelSocket& operator<<(const std::string& text) { return PutString(text.data(), text.size()); }
+    CKelSocket& operator<<(const Strings::CSubStringRef& text) { return PutString(text.data(), text.Length()); }
+    CKelSocket& operator<<(const char* text) { return PutString(text, text ? std::strlen(text) : 0); }
+    /// The whole content of an open file (from its start), as STC_File with the size and
+    /// 4096-byte pieces. 0x20010017 when the file cannot be sized or read to the end.
+    CKelSocket& operator<<(FILE* file);
+
+    /// Integers: 0x20010028 when the next command is no integer (it is put back), 0x20010029
+    /// when the value does not fit the type (negative values become the two's complement in
+    /// unsigned types). Need ST_Read.
+    CKelSocket& operator>>(signed char& v) { return GetSigned(v); }
+    CKelSocket& operator>>(short& v) { return GetSigned(v); }
+    CKelSocket& operator>>(int& v) { return GetSigned(v); }
+    CKelSocket& operator>>(long& v) { return GetSigned(v); }
+    CKelSocket& operator>>(long long& v) { return GetSigned(v); }
+    CKelSocket& operator>>(unsigned char& v) { return GetUnsigned(v); }
+    CKelSocket& operator>>(unsigned short& v) { return GetUnsigned(v); }
+    CKelSocket& operator>>(unsigned int& v) { return GetUnsigned(v); }
+    CKelSocket& operator>>(unsigned long& v) { return GetUnsigned(v); }
+    CKelSocket& operator>>(unsigned long long& v) { return GetUnsigned(v); }
+    /// Strings: 0x20010028 when the next command is no string (it is put back).
+    CKelSocket& operator>>(std::string& text);
+    CKelSocket& operator>>(Strings::CStringVar& text);
+    /// Writes a received file to `file` (opened for writing): 0x20010028 without STC_File,
+    /// 0x2001002F "%d Bytes missing" when something else arrives before the announced size,
+    /// 0x20010017 when the file cannot be written.
+    CKelSocket& operator>>(FILE* file);
+
+    /// Closes the socket at once (no goodbye) and detaches: ST_Detached. Always 1.
+    unsigned int Abort();
+    /// The attached socket's wait handle (ready when input or the close is there), so a
+    /// channel joins list waits; 0x2001001E when detached.
+    operator Threading::CWaitHandle();
+
+    unsigned int GetState() const noexcept { return m_state; }
+    /// The peer's protocol version byte agreed in the handshake.
+    unsigned int GetPeerVersion() const noexcept { return m_peerVersion; }
+    bool IsAttached() const noexcept { return m_socket != nullptr; }
+
+protected:
+    // Output. Every byte goes through m_buffer (output is appended at m_buffer + m_count); a
+    // full buffer is sent before the next byte.
+    void WriteByte(unsigned char byte) {
+        if (m_count == BUFFER_SIZE) Flush();
+        const size_t pos = static_cast<size_t>(m_count);
+        m_buffer[pos] = byte;
+        m_count = pos + 1;
+    }
+    /// `cmd` (low three bits clear) with `value` in the fewest big-endian bytes.
+    void WriteCmd(unsigned int cmd, unsigned long long value) {
+        if (BUFFER_SIZE - m_count < 9) Flush();
+        const size_t pos = static_cast<size_t>(m_count);
+        m_count = pos + EncodeCmd(&m_buffer[pos], cmd, value);
+    }
+    /// Raw bytes; large ones go to the socket from the caller's memory.
+    void WriteBlock(const void* data, size_t size);
+    void WriteINT(long long value) {
+        if (BUFFER_SIZE - m_count < 9) Flush();
+        const size_t pos = static_cast<size_t>(m_count);
+        m_count = pos + EncodeINT(&m_buffer[pos], value);
+    }
+    void WriteUINT(unsigned long long value) {
+        if (BUFFER_SIZE - m_count < 9) Flush();
+        const size_t pos = static_cast<size_t>(m_count);
+        m_count = pos + EncodeUINT(&m_buffer[pos], value);
+    }
+    /// Sends what the buffer holds (all of it, blocking) and empties it.
+    void Flush();
+    /// Before a side starts writing: unread input may only be STC_EventsPending (noted) or
+    /// STC_KeepAlive (dropped); anything else is 0x2001002C. Leaves the buffer empty.
+    void PrepareBufferForSend();
+
+    // Input.
+    /// Refills the empty buffer with one partial read, waiting with the socket's time-out
+    /// (0x20010022). When the peer has closed, the buffer holds the single byte STC_Close and
+    /// 134 is returned; else 1.
+    unsigned int ReadData();
+    /// `size` raw bytes; 0x2001002F when the connection ends first.
+    void ReadBlock(void* dest, size_t size);
+    /// The next command (keep-alives and events-pending notices skipped), its number in `value`.
+    /// 0x20010026 for a byte that is no command.
+    unsigned int ReadCmd(unsigned long long& value);
+    /// Reads the next command into the put-back slot (if empty) and returns it.
+    unsigned int PeekCmd(unsigned long long& value);
+    void PutBack(unsigned int cmd, unsigned long long value) noexcept {
+        m_peekCmd = cmd;
+        m_peekValue = value;
+    }
+    /// A big-endian number of `bytes` raw bytes.
+    unsigned long long ReadInteger(unsigned int bytes);
+    /// An integer for a signed / unsigned type of `size` bytes (1, 2, 4, 8).
+    long long ReadINT(unsigned int size);
+    unsigned long long ReadUINT(unsigned int size);
+    /// Discards the rest of a block and every command up to `cmd`, which is put back.
+    void Skip(unsigned int cmd);
+    /// Discards `size` raw input bytes.
+    void SkipBytes(unsigned long long size);
+
+    /// 0x2001002A when flagged, 0x20010027 "Current=%d, expected=<name>" when not `expected`.
+    void CheckState(unsigned int expected, const char* name) const {
+        if (m_state != expected) StateError(name);
+    }
+    [[noreturn]] void StateError(const char* name) const;
+    /// Raises 0x20010028 "<what> expected, %d received" after putting the command back.
+    [[noreturn]] void OutOfSync(const char* what, unsigned int cmd, unsigned long long value);
+    /// Attaches (refusing a second attachment), clears buffer and put-back: ST_Idle.
+    void BeginAttach(CSocket& socket);
+    /// After a failed Attach: abort the socket (or `passed` when not yet taken over), detach.
+    void FailAttach(CSocket& passed) noexcept;
+    void Detach() noexcept;
+    bool InputBuffered() const noexcept { return m_count != 0 || m_peekCmd != NO_PEEK; }
+
+    // Encoders: write at `p` (at least 9 bytes free) and return the bytes written.
+    static size_t EncodeCmd(unsigned char* p, unsigned int cmd, unsigned long long value) noexcept {
+        // One- and two-byte numbers are the common case: plain stores, no bit scan.
+        if (value < 0x100) {
+            p[0] = static_cast<unsigned char>(cmd);
+            p[1] = static_cast<unsigned char>(value);
+            return 2;
+        }
+        if (value < 0x10000) {
+            p[0] = static_cast<unsigned char>(cmd | 1);
+            const unsigned short be = __builtin_bswap16(static_cast<unsigned short>(value));
+            std::memcpy(p + 1, &be, 2);
+            return 3;
+        }
+        if (value < 0x100000000ull) {
+            // Three or four bytes: one 32-bit store (a fourth byte beyond a three-byte number
+            // lands in the free space and is overwritten by what follows).
+            const unsigned int n = value < 0x1000000 ? 3 : 4;
+            p[0] = static_cast<unsigned char>(cmd | (n - 1));
+            const unsigned int be = __builtin_bswap32(static_cast<unsigned int>(value << (32 - 8 * n)));
+            std::memcpy(p + 1, &be, 4);
+            return 1 + n;
+        }
+        const unsigned int n = value == 0 ? 1u : static_cast<unsigned int>((71 - __builtin_clzll(value)) >> 3);
+        *p = static_cast<unsigned char>(cmd | (n - 1));
+        // All eight bytes are stored; only the first n count.
+        const unsigned long long be = __builtin_bswap64(value << (64 - 8 * n) % 64);
+        std::memcpy(p + 1, &be, 8);
+        return 1 + n;
+    }
+    static size_t EncodeUINT(unsigned char* p, unsigned long long value) noexcept {
+        if (value < 32) {
+            *p = static_cast<unsigned char>(STC_SmallUInt | value);
+            return 1;
+        }
+        return EncodeCmd(p, STC_UInt, value);
+    }
+    static size_t EncodeINT(unsigned char* p, long long value) noexcept {
+        if (static_cast<unsigned long long>(value) + 32 < 64) {
+            // -32 gives 0xE0 | 32 = 0xE0: kept so, peers depend on the exact bytes.
+            *p = static_cast<unsigned char>(value < 0 ? STC_SmallNegInt | static_cast<unsigned int>(-value)
+                                                      : STC_SmallUInt | static_cast<unsigned int>(value));
+            return 1;
+        }
+        if (value < 0) return EncodeCmd(p, STC_NegInt, 0ull - static_cast<unsigned long long>(value));
+        return EncodeCmd(p, STC_UInt, static_cast<unsigned long long>(value));
+    }
+
+    // Stream-operator bodies: the fast path stays inline, the rest marks the error flag.
+    CKelSocket& PutSigned(long long v) {
+        // The position is read once: stores into the buffer could alias m_count.
+        const size_t pos = static_cast<size_t>(m_count);
+        if (__builtin_expect(pos <= BUFFER_SIZE - 9, 1) && __builtin_expect(m_state == ST_Send, 1)) {
+            m_count = pos + EncodeINT(&m_buffer[pos], v);
+            return *this;
+        }
+        return PutSignedSlow(v);
+    }
+    CKelSocket& PutUnsigned(unsigned long long v) {
+        const size_t pos = static_cast<size_t>(m_count);
+        if (__builtin_expect(pos <= BUFFER_SIZE - 9, 1) && __builtin_expect(m_state == ST_Send, 1)) {
+            m_count = pos + EncodeUINT(&m_buffer[pos], v);
+            return *this;
+        }
+        return PutUnsignedSlow(v);
+    }
+    CKelSocket& PutString(const char* text, size_t length) {
+        const size_t pos = static_cast<size_t>(m_count);
+        if (m_state == ST_Send && length < BUFFER_SIZE - 9 && pos <= BUFFER_SIZE - 9 - length) {
+            if (length == 0) {
+                m_buffer[pos] = STC_EmptyString;
+                m_count = pos + 1;
+            } else {
+                const size_t head = EncodeCmd(&m_buffer[pos], STC_String, length);
+                std::memcpy(&m_buffer[pos + head], text, length);
+                m_count = pos + head + length;
+            }
+            return *this;
+        }
+        return PutStringSlow(text, length);
+    }
+    [[gnu::cold]] CKelSocket& PutSignedSlow(long long v);
+    [[gnu::cold]] CKelSocket& PutUnsignedSlow(unsigned long long v);
+    [[gnu::cold]] CKelSocket& PutStringSlow(const char* text, size_t length);
+    template <class T>
+    CKelSocket& GetSigned(T& v) {
+        v = static_cast<T>(GetInteger(sizeof(T), true));
+        return *this;
+    }
+    template <class T>
+    CKelSocket& GetUnsigned(T& v) {
+        v = static_cast<T>(GetInteger(sizeof(T), false));
+        return *this;
+    }
+    unsigned long long GetInteger(unsigned int size, bool isSigned);
+    /// Marks the error flag, notes the site in the thread's log and rethrows.
+    [[noreturn]] void StreamFailed();
+
+    CSocket* m_socket = nullptr;
+    unsigned int m_peerVersion = 0;
+    unsigned int m_state = ST_Detached;
+    unsigned int m_peekCmd = NO_PEEK;
+    unsigned long long m_peekValue = 0;
+    unsigned int m_eventsPending = 0;
+    unsigned long long m_blockLeft = 0;
+    unsigned long long m_count = 0;
+    unsigned char* m_cursor; ///< next input byte (output goes to m_buffer + m_count)
+    unsigned char m_buffer[BUFFER_SIZE];
+};
+
+/// The requesting end of a channel. A failed public operation leaves the state at exactly
+/// ST_Idle | ST_Error (129).
+class KEL_API CKelSocketClient : public CKelSocket {
+public:
+    /// Handshake on a connected socket: sends `applicationId` and the protocol version and
+    /// reads the server's answer. 0x2001002B when already attached, 0x2001002E when the server
+    /// refuses the identifier or version, 0x2001002C on a wrong answer. On failure the socket
+    /// is aborted and the channel stays detached.
+    unsigned int Attach(CSocket& socket, unsigned int applicationId);
+    /// Starts a request (ST_Idle → ST_Send); parameters follow with <<.
+    unsigned int StartRequest(unsigned int requestCode);
+    /// Ends the request, sends it and waits for the acknowledge (ST_Send → ST_Read);
+    /// 0x2001002C when the answer does not start with one.
+    unsigned int WaitForAck(unsigned int& ackCode);
+    /// After the answer was read: ST_Read → ST_Idle. 0x20010028 when the answer has more (the
+    /// command is put back: Skip, then EndRequest).
+    unsigned int EndRequest();
+    /// Clears the error flag and discards the rest of the answer up to its end.
+    unsigned int Skip();
+    /// Idle only: 1 when events are announced or input is buffered, else 131. Does not block.
+    unsigned int CanRead();
+    /// Idle only: 1 at once when events are announced or input is buffered, else the socket's
+    /// wait (1 or 130 after `timeoutMs`).
+    unsigned int Wait(unsigned int timeoutMs);
+    /// Idle only: the events the server announced since the last call (0 without a notice);
+    /// asks the server only when it announced some.
+    unsigned int GetEvents(unsigned long long& events);
+    /// Says goodbye, waits for the server's close, closes the socket and detaches. Always 1.
+    unsigned int Close();
+
+private:
+    template <class F>
+    unsigned int Op(Exceptions::SOURCE_INFO& site, F&& body);
+    void AwaitAnswer();
+};
+
+/// The serving end of a channel. A failed public operation sets the error flag over the state.
+class KEL_API CKelSocketServer : public CKelSocket {
+public:
+    /// Handshake on an accepted socket: reads the client's identifier and version; answers
+    /// with the version when the identifier equals `applicationId`, else refuses, waits until
+    /// the client has closed and fails with 0x2001002D. On failure the socket is aborted.
+    unsigned int Attach(CSocket& socket, unsigned int applicationId);
+    /// Waits for the next request: 1 with its code (ST_Idle → ST_Read), 133 when the client
+    /// closed (ST_Closed), 130 after answering an events query (no request yet).
+    unsigned int WaitForRequest(unsigned int& requestCode);
+    /// As WaitForRequest, but 131 when no input is ready (does not block for the first byte).
+    unsigned int CheckRequest(unsigned int& requestCode);
+    /// Consumes the client's end of request and starts the answer (ST_Read → ST_Send); results
+    /// follow with <<. 0x20010028 when parameters are left unread (Skip first).
+    unsigned int SendAck(unsigned int ackCode);
+    /// Ends and sends the answer (ST_Send → ST_Idle).
+    unsigned int EndAck();
+    /// Idle only: sends a keep-alive byte, which every reader skips.
+    unsigned int SendKeepAlive();
+    /// Idle only: adds `events` to the mask the client fetches; the client is told once per
+    /// batch (the first call after a fetch sends the notice).
+    unsigned int SetEvents(unsigned long long events);
+    /// Clears the error flag and discards the rest of the request up to its end.
+    unsigned int Skip();
+    /// Shuts the sending side down, closes the socket and detaches. 1.
+    unsigned int Close();
+
+    /// Events set but not yet fetched by the client.
+    unsigned long long GetPendingEvents() const noexcept { return m_events; }
+
+protected:
+    unsigned long long m_events = 0;
+
+private:
+    template <class F>
+    unsigned int Op(Exceptions::SOURCE_INFO& site, F&& body);
+    unsigned int TakeRequest(unsigned int& requestCode);
+};
+
+} // namespace Sockets
+} // namespace KEL
