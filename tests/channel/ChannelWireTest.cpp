@@ -63,8 +63,10 @@ struct RANGE_CASE {
 // How a case shows in test output; without it GoogleTest dumps the record's bytes, padding
 // included, which valgrind reports as a read of uninitialised memory.
 void PrintTo(const RANGE_CASE& c, std::ostream* os) {
-    *os << c.wire.size() << " wire bytes as " << (c.isSigned ? "signed " : "unsigned ") << c.width * 8 << "-bit "
-        << (c.fits ? "= " + std::to_string(c.expected) : std::string("out of range"));
+    static const char hex[] = "0123456789ABCDEF";
+    for (unsigned char b : c.wire) *os << hex[b >> 4] << hex[b & 15] << ' ';
+    *os << "as " << (c.isSigned ? "signed " : "unsigned ") << c.width * 8 << "-bit: "
+        << (c.fits ? std::to_string(c.expected) : std::string("out of range"));
 }
 
 long long ReadAs(CKelSocket& c, int width, bool isSigned) {
