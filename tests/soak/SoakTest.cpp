@@ -55,6 +55,13 @@ uint64_t Fnv(const void* data, size_t size, uint64_t h = 1469598103934665603ull)
     return h;
 }
 
+// The sum of the numbers, wrapping around like the unsigned type (large values overflow).
+long long WrappingSum(const std::vector<long long>& numbers) {
+    uint64_t sum = 0;
+    for (long long n : numbers) sum += static_cast<uint64_t>(n);
+    return static_cast<long long>(sum);
+}
+
 uint64_t EventBit(uint64_t seq) { return 1ull << ((seq / kEventEvery) % 64); }
 
 size_t CountEntries(const char* dir) {
@@ -226,11 +233,8 @@ private:
             return false;
         }
         uint64_t h = Fnv(&seq, sizeof seq);
-        long long sum = 0;
-        for (long long n : numbers) {
-            h = Fnv(&n, sizeof n, h);
-            sum += n;
-        }
+        for (long long n : numbers) h = Fnv(&n, sizeof n, h);
+        const long long sum = WrappingSum(numbers);
         h = Fnv(text.data(), text.size(), h);
         h = Fnv(block.data(), block.size(), h);
         if (h != checksum || code != 1000u + seq % 50u) {
@@ -392,11 +396,8 @@ private:
         for (char& c : block) c = static_cast<char>(Pick(0, 255));
 
         uint64_t h = Fnv(&seq, sizeof seq);
-        long long sum = 0;
-        for (long long n : numbers) {
-            h = Fnv(&n, sizeof n, h);
-            sum += n;
-        }
+        for (long long n : numbers) h = Fnv(&n, sizeof n, h);
+        const long long sum = WrappingSum(numbers);
         h = Fnv(text.data(), text.size(), h);
         h = Fnv(block.data(), block.size(), h);
 
@@ -556,5 +557,22 @@ TEST(Soak, ServiceOnThePoolSurvivesAbortsKeepAlivesAndEventsWithoutLeaks) {
     EXPECT_GT(c.verified.load(), 0u);
     EXPECT_EQ(fdsAfter, fdsBefore);
     EXPECT_EQ(threadsAfter, threadsBefore);
+#if defined(__SANITIZE_ADDRESS__)
+#define KEL_SOAK_MEMORY_CHECK 0
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define KEL_SOAK_MEMORY_CHECK 0
+#endif
+#endif
+#ifndef KEL_SOAK_MEMORY_CHECK
+#define KEL_SOAK_MEMORY_CHECK 1
+#endif
+#if KEL_SOAK_MEMORY_CHECK
     EXPECT_LE(endKiB * 10, warmKiB * 11) << "resident memory grew more than 10% after warming up";
+#else
+    // AddressSanitizer keeps freed blocks in its quarantine (256 MiB) before reusing them, so
+    // resident memory grows for a long time without any leak; its leak check covers this build.
+    (void)warmKiB;
+    (void)endKiB;
+#endif
 }
