@@ -3,6 +3,11 @@
 // The counting event mailbox. It sits on the standard primitives rather than the library's wait
 // engine: its users wait for application events, not for library objects, and must not be
 // thrown out of a wait by a thread interrupt.
+//
+// The lock is a plain std::mutex with a std::condition_variable: nothing runs under the lock
+// but the list walk, so it is never taken twice by one thread, and the plain pair waits on the
+// caller's mutex directly, where the lock-type-agnostic condition variable takes a second,
+// shared mutex (and its reference count) on every wait.
 #define KEL_SOURCE_FILE "Src/threads"
 #include <kel/Threading.h>
 
@@ -18,10 +23,16 @@ namespace Threading {
 
 class CEventHandler::CEventHandlerImpl {
 public:
+    /// Room for a few distinct ids, so that the usual handler never allocates after its start:
+    /// entries that are consumed leave their capacity behind.
+    static constexpr size_t kInitialIds = 8;
+
+    CEventHandlerImpl() { pending.reserve(kInitialIds); }
+
     /// (id, count) in order of first posting; a count never drops to 0 in the list.
     std::vector<std::pair<int, uint64_t>> pending;
-    std::recursive_mutex mutex;
-    std::condition_variable_any wake;
+    std::mutex mutex;
+    std::condition_variable wake;
 
     /// Consumes one post of the first id of `events` that is pending.
     bool TakeFirst(const std::initializer_list<int>& events, CEventHandlerNS::wait_forNS::TResult& result) {
@@ -47,7 +58,7 @@ CEventHandler& CEventHandler::operator=(CEventHandler&& other) noexcept = defaul
 
 void CEventHandler::notifyOne(int event) {
     {
-        std::lock_guard<std::recursive_mutex> lock(m_pImpl->mutex);
+        std::lock_guard<std::mutex> lock(m_pImpl->mutex);
         auto& pending = m_pImpl->pending;
         auto it = pending.begin();
         while (it != pending.end() && it->first != event)
@@ -57,8 +68,9 @@ void CEventHandler::notifyOne(int event) {
         else
             pending.emplace_back(event, 1u);
     }
-    // The condition variable keeps its own internal lock, so signalling after the unlock
-    // cannot lose the wake-up of a waiter that is between its check and its wait.
+    // Signalled after the unlock, so that the woken waiter does not run into the lock still
+    // held here. The post was made under the lock, so a waiter between its check and its wait
+    // still holds the lock and cannot miss it.
     m_pImpl->wake.notify_one();
 }
 
@@ -75,16 +87,16 @@ CEventHandlerNS::wait_forNS::TResult CEventHandler::wait_for(const std::initiali
                                            ? Clock::now() + std::chrono::milliseconds(signedMs)
                                            : Clock::time_point::min();
 
-    std::unique_lock<std::recursive_mutex> lock(m_pImpl->mutex);
-    while (!m_pImpl->TakeFirst(events, result)) {
+    std::unique_lock<std::mutex> lock(m_pImpl->mutex);
+    if (m_pImpl->TakeFirst(events, result) || signedMs <= 0) return result;
+    for (;;) {
         if (forever) {
             m_pImpl->wake.wait(lock);
-        } else if (signedMs <= 0) {
-            break;
         } else if (m_pImpl->wake.wait_until(lock, deadline) == std::cv_status::timeout) {
             m_pImpl->TakeFirst(events, result);
             break;
         }
+        if (m_pImpl->TakeFirst(events, result)) break;
     }
     return result;
 }

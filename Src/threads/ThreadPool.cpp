@@ -4,10 +4,17 @@
 // runs or anybody waits. A worker is in exactly one of the idle, running and delete queues
 // from its creation until it is reaped; `act` counts the workers not yet reaped, so it drops
 // only where a worker leaves the delete queue (Enqueue or Stop).
+//
+// Speed: the lock is held for list operations only (job records are reused, and the heap is
+// not called under it), contenders spin briefly before they sleep on it, and a worker is woken
+// after the lock is released, so the woken worker does not find the lock held by its waker.
 #define KEL_SOURCE_FILE "Src/threads"
 #include <kel/Exceptions.h>
 #include <kel/Threading.h>
 #include <kel/Trace.h>
+
+#include <memory>
+#include <thread>
 
 namespace KEL {
 namespace Threading {
@@ -19,11 +26,25 @@ constexpr const char* kRunFn = "KEL::Threading::CThreadPool::CPoolThread::Run";
 constexpr const char* kStopFn = "KEL::Threading::CThreadPool::Stop";
 /// Stop cancels at most this many idle workers in one walk.
 constexpr unsigned int kMaxCancels = 100;
+/// Job records kept for reuse once their job has been taken; the rest go back to the heap.
+constexpr unsigned int kMaxSpareJobs = 1024;
+/// Attempts to take a busy pool lock before sleeping on it. The lock is held for a few list
+/// operations only, so its holder is nearly always gone before a sleep and a wake-up through
+/// the kernel would be over.
+constexpr unsigned int kLockSpins = 100;
+
+inline void CpuRelax() noexcept {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#elif defined(__aarch64__)
+    __asm__ __volatile__("yield");
+#endif
+}
 } // namespace
 
 class CThreadPool::CJob : public Misc::TDoubleLinkedObject<CJob> {
 public:
-    explicit CJob(const Delegates_and_Calls::CDelegate& job) : m_Job(job) {}
+    /// Empty between uses, while it waits in the spare list.
     Delegates_and_Calls::CDelegate m_Job;
 };
 
@@ -51,6 +72,9 @@ public:
     CThreadPool& m_Pool;
     Delegates_and_Calls::CDelegate m_Job;
     EQueue m_eQueue = None;
+    /// Set under the lock when a job is handed over; cleared by the enqueuing thread once it
+    /// has set the wake-up event, which it does after releasing the lock.
+    std::atomic<bool> m_bWakePending{false};
 };
 
 void CThreadPool::CPoolThread::Run() {
@@ -70,13 +94,21 @@ void CThreadPool::CPoolThread::Run() {
         } catch (const Exceptions::CKelException&) {
             // Interrupted by Stop (with throw mode on): decided below like a time-out.
         }
-        m_Pool.Enter(SG);
+        m_Pool.LockPool(SG);
         if (!m_Job.IsValid()) {
             if (rc == 130) {
                 KEL_TRACE(KEL_MODULE_INFO_KelLib, kTrace, kRunFn, "Timeout - leave for() loop");
             }
             break;
         }
+        // The thread that handed the job over may not have set the event yet: resetting before
+        // it has would leave a stale signal for the next idle wait. Waiting here for every
+        // hand-over (not only after a time-out) also matters for speed: the scheduler usually
+        // sets the enqueuing thread aside to run the worker it has just woken, and yielding hands
+        // the processor back to it (measured: skipping the wait after a signalled wait made the
+        // pool about twice as slow under load).
+        while (m_bWakePending.load(std::memory_order_acquire))
+            std::this_thread::yield();
         m_WakeUp.Reset();
         // b.
         if (m_eQueue == Idle) {
@@ -88,15 +120,19 @@ void CThreadPool::CPoolThread::Run() {
         }
         // c. Run the job in hand and then the queued ones.
         bool leave = false;
+        CJob* surplus = nullptr;
         for (;;) {
             KEL_TRACE(KEL_MODULE_INFO_KelLib, kTrace, kRunFn, "Before SG.Restore()");
             SG.Restore();
             KEL_TRACE(KEL_MODULE_INFO_KelLib, kTrace, kRunFn, "After SG.Restore()");
+            // A record the spare list had no room for is freed outside the lock.
+            delete surplus;
+            surplus = nullptr;
             KEL_TRACE(KEL_MODULE_INFO_KelLib, kTrace, kRunFn, "Before m_Pool.Run()");
             m_Pool.Run(m_Job);
             KEL_TRACE(KEL_MODULE_INFO_KelLib, kTrace, kRunFn, "After m_Pool.Run()");
             m_Job.Release();
-            m_Pool.Enter(SG);
+            m_Pool.LockPool(SG);
             if (m_Pool.m_uStopReq) {
                 KEL_TRACE(KEL_MODULE_INFO_KelLib, kTrace, kRunFn, "m_Pool.m_uStopReq - leave for() loop");
                 leave = true;
@@ -108,7 +144,7 @@ void CThreadPool::CPoolThread::Run() {
                     << tid;
                 m_Job = std::move(job->m_Job);
                 job->Detach();
-                delete job;
+                surplus = m_Pool.RecycleJob(job);
                 continue;
             }
             if (m_Pool.m_uIdleThreads > m_Pool.m_uMinThreads) {
@@ -187,6 +223,11 @@ CThreadPool::~CThreadPool() {
     CSyncGuard SG;
     Enter(SG);
     DropQueuedJobs();
+    while (CJob* job = m_SpareJobs.Start()) {
+        job->Detach();
+        delete job;
+    }
+    m_uSpareJobs.store(0, std::memory_order_relaxed);
 }
 
 void CThreadPool::DropQueuedJobs() noexcept {
@@ -194,6 +235,31 @@ void CThreadPool::DropQueuedJobs() noexcept {
         job->Detach();
         delete job;
     }
+}
+
+void CThreadPool::LockPool(CSyncGuard& SG) {
+    for (unsigned int spin = 0; spin < kLockSpins; ++spin) {
+        if (TryEnter(SG) == 1) return;
+        CpuRelax();
+    }
+    Enter(SG);
+}
+
+CThreadPool::CJob* CThreadPool::TakeSpareJob() noexcept {
+    CJob* job = m_SpareJobs.Start();
+    if (job) {
+        job->Detach();
+        m_uSpareJobs.store(m_uSpareJobs.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
+    }
+    return job;
+}
+
+CThreadPool::CJob* CThreadPool::RecycleJob(CJob* job) noexcept {
+    const unsigned int spare = m_uSpareJobs.load(std::memory_order_relaxed);
+    if (spare >= kMaxSpareJobs) return job;
+    m_SpareJobs.Add(job);
+    m_uSpareJobs.store(spare + 1, std::memory_order_relaxed);
+    return nullptr;
 }
 
 unsigned int CThreadPool::Init(unsigned int minThreads, unsigned int maxThreads, unsigned int idleTimeMs) {
@@ -237,9 +303,14 @@ void CThreadPool::Reap() {
 unsigned int CThreadPool::Enqueue(Delegates_and_Calls::CDelegate job) {
     return Exceptions::Guarded(KEL_SITE(), [&] {
         KEL_TRACE(KEL_MODULE_INFO_KelLib, kTrace, kEnqueueFn, "Enter CThreadPool::Enqueue");
+        // A job record is made before the lock when no spare one is left, so that the heap is
+        // never called while the lock is held; an unused record is kept as a spare, or freed
+        // after the lock is released.
+        std::unique_ptr<CJob> fresh;
+        if (m_uSpareJobs.load(std::memory_order_relaxed) == 0) fresh.reset(new CJob);
         CSyncGuard SG;
         KEL_TRACE(KEL_MODULE_INFO_KelLib, kTrace, kEnqueueFn, "Before m_Lock.Enter(SG)");
-        Enter(SG);
+        LockPool(SG);
         KEL_TRACE(KEL_MODULE_INFO_KelLib, kTrace, kEnqueueFn, "After m_Lock.Enter(SG)");
         if (m_uStopReq) KEL_RAISE(0x2001003Du, "Pool not initialized");
         Reap();
@@ -275,7 +346,10 @@ unsigned int CThreadPool::Enqueue(Delegates_and_Calls::CDelegate job) {
                     << worker->m_Thread.GetThreadID() << m_uThreads << m_uMaxThreads;
             } else {
                 job.HandOver();
-                m_JobQueue.Add(new CJob(job));
+                CJob* record = fresh ? fresh.release() : TakeSpareJob();
+                if (!record) record = new CJob; // the spares went to other threads meanwhile
+                record->m_Job = std::move(job);
+                m_JobQueue.Add(record);
                 KEL_TRACE(KEL_MODULE_INFO_KelLib, kTrace, kEnqueueFn,
                           "Create new queued job/thread: Thread-ID=0x%x")
                     << 0u;
@@ -287,11 +361,18 @@ unsigned int CThreadPool::Enqueue(Delegates_and_Calls::CDelegate job) {
         job.HandOver();
         worker->m_Job = std::move(job);
         worker->MoveTo(CPoolThread::Running);
-        worker->m_WakeUp.Set();
+        worker->m_bWakePending.store(true, std::memory_order_relaxed);
         KEL_TRACE(KEL_MODULE_INFO_KelLib, kTrace, kEnqueueFn,
                   "Add thread: Thread-ID=0x%x to running queue and wake up to run")
             << worker->m_Thread.GetThreadID();
+        if (fresh && !RecycleJob(fresh.get())) fresh.release();
         SG.Restore();
+        // Woken after the lock is released: the scheduler tends to run the woken worker at once,
+        // and a waker set aside while still holding the lock stalls every other worker. The
+        // worker cannot end (nor be reaped) before the flag drops, because it waits for the flag
+        // before it resets its event.
+        worker->m_WakeUp.Set();
+        worker->m_bWakePending.store(false, std::memory_order_release);
         KEL_TRACE(KEL_MODULE_INFO_KelLib, kTrace, kEnqueueFn, "LEAVE CThreadPool::Enqueue");
         return 1u;
     });

@@ -619,6 +619,13 @@ private:
     /// Unlinks and deletes the workers that have left; called under the lock.
     void Reap();
     void DropQueuedJobs() noexcept;
+    /// Takes the pool lock, trying a short while before sleeping on it.
+    void LockPool(CSyncGuard& SG);
+    /// Under the lock: a spare job record, or null when none is left.
+    CJob* TakeSpareJob() noexcept;
+    /// Under the lock: keeps `job` (empty) as a spare; returns it when the spare list is full,
+    /// for the caller to free after releasing the lock, else null.
+    CJob* RecycleJob(CJob* job) noexcept;
 
     Native_OS::CFastEvent m_Event;
     unsigned int m_uMaxThreads = 0;
@@ -632,6 +639,10 @@ private:
     Misc::TDoubleLinkHead<CPoolThread> m_RunningQueue;
     Misc::TDoubleLinkHead<CPoolThread> m_DeleteQueue;
     Misc::TDoubleLinkHead<CJob> m_JobQueue;
+    /// Job records whose job has been taken, kept for reuse (changed under the lock; read
+    /// without it only as a hint).
+    Misc::TDoubleLinkHead<CJob> m_SpareJobs;
+    std::atomic<unsigned int> m_uSpareJobs{0};
 };
 
 } // namespace Threading

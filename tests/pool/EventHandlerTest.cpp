@@ -172,3 +172,33 @@ TEST(EventHandlerMove, MoveKeepsPendingPosts) {
     b = std::move(c);
     EXPECT_EQ(b.wait_for({4}, 0).event, 4);
 }
+
+TEST(EventHandlerConcurrency, PingPongLosesNoWakeUp) {
+    // Each side waits for the other's post before it posts again, so a single lost wake-up
+    // shows as a time-out (the generous time-out is only a hang guard).
+    constexpr int kRounds = 20000;
+    CEventHandler ping, pong;
+    std::atomic<int> peerMissed{0};
+    std::thread peer([&] {
+        for (int i = 0; i < kRounds; ++i) {
+            TResult r = ping.wait_for({1}, 30000);
+            if (!r.signalled) {
+                ++peerMissed;
+                return;
+            }
+            pong.notifyOne(2);
+        }
+    });
+    int missed = 0;
+    for (int i = 0; i < kRounds && missed == 0; ++i) {
+        ping.notifyOne(1);
+        TResult r = pong.wait_for({2}, 30000);
+        if (!r.signalled || r.event != 2) ++missed;
+    }
+    if (missed) ping.notifyOne(1);
+    peer.join();
+    EXPECT_EQ(missed, 0);
+    EXPECT_EQ(peerMissed.load(), 0);
+    ExpectTimedOut(ping.wait_for({1}, 0));
+    ExpectTimedOut(pong.wait_for({2}, 0));
+}

@@ -321,3 +321,83 @@ TEST(ThreadPoolStress, EveryJobRunsExactlyOnceWhileWorkersIdleOut) {
     for (int i = 0; i < kJobs; ++i)
         ASSERT_EQ(runs[i].load(), 1) << "job " << i;
 }
+
+TEST(ThreadPoolStress, HandOverRacingTheIdleTimeOutRunsEveryJobOnce) {
+    // Idle time 0: a worker that parks times out at once, so nearly every hand-over meets a
+    // worker on its way out, and its wake-up signal arrives after the lock is released.
+    constexpr int kProducers = 3, kPerProducer = 4000, kJobs = kProducers * kPerProducer;
+    std::vector<std::atomic<int>> runs(kJobs);
+    std::atomic<int> destroyed{0};
+    {
+        CThreadPool pool;
+        ASSERT_EQ(pool.Init(0, 1, 0), 1u);
+        std::vector<std::thread> producers;
+        for (int p = 0; p < kProducers; ++p)
+            producers.emplace_back([&, p] {
+                for (int i = 0; i < kPerProducer; ++i) {
+                    int id = p * kPerProducer + i;
+                    EXPECT_EQ(pool.Enqueue(CDelegate(new CCountingCb(&runs[id], &destroyed))), 1u);
+                    if (i % 64 == 63) std::this_thread::yield();
+                }
+            });
+        for (auto& t : producers)
+            t.join();
+        ASSERT_TRUE(Eventually([&] { return destroyed == kJobs; }));
+        // Never more than the maximum plus one, however the workers came and went.
+        EXPECT_LE(pool.GetThreadCount(), 2u);
+        EXPECT_EQ(pool.Stop(), 1u);
+        EXPECT_EQ(pool.GetThreadCount(), 0u);
+        EXPECT_EQ(pool.GetIdleCount(), 0u);
+    }
+    for (int i = 0; i < kJobs; ++i)
+        ASSERT_EQ(runs[i].load(), 1) << "job " << i;
+}
+
+TEST(ThreadPoolJobs, QueueDeeperThanTheKeptRecordsRunsAndReleasesEveryJob) {
+    // Job records are reused; a queue far deeper than the records kept for reuse must still
+    // run each job once, release each delegate once, and start over cleanly.
+    constexpr int kDepth = 3000, kRounds = 3;
+    std::vector<std::atomic<int>> runs(kDepth);
+    std::atomic<int> destroyed{0};
+    // Declared before the pool, so that the workers are gone before these are.
+    Gate gates[kRounds];
+    std::atomic<int> blocked[kRounds] = {}, passed[kRounds] = {};
+    CThreadPool pool;
+    ASSERT_EQ(pool.Init(0, 1, 60000), 1u);
+    // Both workers (the maximum plus one) block on the round's gate; the jobs behind them queue.
+    auto blockAndQueue = [&](int round) {
+        for (int i = 0; i < 2; ++i)
+            pool.Enqueue(MakeDelegate([&, round] {
+                ++blocked[round];
+                gates[round].Pass();
+                ++passed[round];
+            }));
+        ASSERT_TRUE(Eventually([&] { return blocked[round] == 2; }));
+        for (int i = 0; i < kDepth; ++i)
+            ASSERT_EQ(pool.Enqueue(CDelegate(new CCountingCb(&runs[i], &destroyed))), 1u);
+        EXPECT_EQ(pool.GetQueuedJobCount(), static_cast<unsigned int>(kDepth));
+        EXPECT_EQ(destroyed.load(), round * kDepth);
+    };
+    for (int round = 0; round < 2; ++round) {
+        blockAndQueue(round);
+        gates[round].open = true;
+        ASSERT_TRUE(Eventually([&] { return destroyed == (round + 1) * kDepth && passed[round] == 2; }))
+            << "round " << round;
+        EXPECT_EQ(pool.GetQueuedJobCount(), 0u);
+        for (int i = 0; i < kDepth; ++i)
+            ASSERT_EQ(runs[i].load(), round + 1) << "round " << round << " job " << i;
+    }
+    // The third batch is dropped by Stop: released, never run.
+    blockAndQueue(2);
+    std::thread opener([&] {
+        // The gate opens only once Stop has closed the pool (SetIdleTime is then refused), so
+        // the workers must leave without touching the queue.
+        EXPECT_TRUE(Eventually([&] { return pool.SetIdleTime(60000) != 1u; }));
+        gates[2].open = true;
+    });
+    EXPECT_EQ(pool.Stop(), 1u);
+    opener.join();
+    EXPECT_EQ(destroyed.load(), 3 * kDepth);
+    for (int i = 0; i < kDepth; ++i)
+        ASSERT_EQ(runs[i].load(), 2) << "job " << i;
+}
