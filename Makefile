@@ -5,12 +5,19 @@ JOBS        ?= $(shell nproc)
 BUILD       ?= build
 ASAN_BUILD  ?= build-asan
 TSAN_BUILD  ?= build-tsan
+VG_BUILD    ?= build-vg
 FUZZ_BUILD  ?= build-fuzz
 FUZZ_SECONDS ?= 120
 CMAKE_FLAGS ?=
 CTEST_FLAGS ?= --output-on-failure -j $(JOBS) -LE soak
+# The suites that start threads: the ones ThreadSanitizer has something to say about.
+TSAN_LABELS ?= threads|pool|sockets|channel|ssl|faults
+# Test time-outs (and test discovery) are stretched this many times under valgrind.
+VG_TIMEOUT_FACTOR ?= 20
+# The soak test's length in seconds (read by the test program).
+SOAK_SECONDS ?= 180
 
-.PHONY: all deps build test test-asan demo tour tsan bench fuzz format clean package docs
+.PHONY: all deps build test test-asan demo tour tsan valgrind soak bench fuzz format clean package docs
 
 all: build
 
@@ -51,7 +58,22 @@ tsan: deps
 	cmake -S . -B $(TSAN_BUILD) -DKEL_WERROR=ON -DKEL_SANITIZE=thread \
 	      -DKEL_BUILD_BENCH=OFF -DKEL_BUILD_EXAMPLES=OFF $(CMAKE_FLAGS)
 	cmake --build $(TSAN_BUILD) -j $(JOBS)
-	cd $(TSAN_BUILD) && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ctest $(CTEST_FLAGS)
+	cd $(TSAN_BUILD) && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 \
+	    suppressions=$(CURDIR)/scripts/tsan.supp" ctest $(CTEST_FLAGS) -L '$(TSAN_LABELS)'
+
+# memcheck over the whole plain suite: every test (and the test discovery) runs under valgrind;
+# any error or definitely lost block fails the test.
+valgrind: deps
+	cmake -S . -B $(VG_BUILD) -DKEL_WERROR=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	      -DKEL_BUILD_BENCH=OFF -DKEL_BUILD_EXAMPLES=OFF -DKEL_TEST_TIMEOUT_FACTOR=$(VG_TIMEOUT_FACTOR) \
+	      "-DCMAKE_CROSSCOMPILING_EMULATOR=valgrind;--tool=memcheck;--error-exitcode=99;--leak-check=full;--errors-for-leak-kinds=definite;--track-origins=yes;--num-callers=30;--suppressions=$(CURDIR)/scripts/valgrind.supp" \
+	      $(CMAKE_FLAGS)
+	cmake --build $(VG_BUILD) -j $(JOBS)
+	cd $(VG_BUILD) && nice -n 19 ctest $(CTEST_FLAGS)
+
+# The long-running service test (label soak), SOAK_SECONDS long.
+soak: build
+	cd $(BUILD) && KEL_SOAK_SECONDS=$(SOAK_SECONDS) ctest --output-on-failure -L soak
 
 bench: build
 	@for b in $(BUILD)/bench/bench_*; do echo "== $$b"; $$b --benchmark_repetitions=5 \
@@ -76,4 +98,4 @@ format:
 	@git ls-files '*.h' '*.cpp' | xargs clang-format -i
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(FUZZ_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(VG_BUILD) $(FUZZ_BUILD)

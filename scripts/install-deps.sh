@@ -11,7 +11,7 @@ PACKAGES=(
   libldap-dev slapd ldap-utils
   libgtest-dev libgmock-dev libbenchmark-dev
   libfmt-dev libmsgpack-dev
-  python3
+  python3 valgrind
   dpkg-dev file binutils
   tshark
   doxygen

@@ -1,23 +1,44 @@
 #!/usr/bin/env bash
 # Runs every fuzz target in DIR for SECONDS each, with its seed corpus from fuzz/corpus/<name>
-# when there is one. A finding stops the run with the crashing input kept in fuzz/findings/.
+# when there is one, and prints one line per target with its executions and minutes. A finding
+# (crash, leak, time-out, out-of-memory) or a fuzzer that does not run stops the campaign with
+# the input kept in fuzz/findings/. FUZZ_TARGETS="fuzz_a fuzz_b" restricts the run to those.
 set -euo pipefail
 dir=${1:?usage: run-fuzzers.sh BUILD/fuzz SECONDS}
 secs=${2:-120}
 root=$(cd "$(dirname "$0")/.." && pwd)
 mkdir -p "$root/fuzz/findings"
+summary=()
+ran=0
 for f in "$dir"/fuzz_*; do
   [ -x "$f" ] || continue
   name=$(basename "$f")
+  if [ -n "${FUZZ_TARGETS:-}" ] && [[ " $FUZZ_TARGETS " != *" $name "* ]]; then continue; fi
   work=$(mktemp -d)
+  log=$(mktemp)
   seeds="$root/fuzz/corpus/$name"
   echo "== $name: ${secs}s"
   args=("$work")
   [ -d "$seeds" ] && args+=("$seeds")
+  start=$(date +%s)
+  rc=0
   "$f" -max_total_time="$secs" -print_final_stats=1 -artifact_prefix="$root/fuzz/findings/$name-" \
-       "${args[@]}" 2>&1 | grep -E '^(#[0-9]+ +DONE|stat::number_of_executed_units|==[0-9]+==ERROR|SUMMARY)' || true
+       "${args[@]}" >"$log" 2>&1 || rc=$?
+  elapsed=$(( $(date +%s) - start ))
+  grep -E '^(#[0-9]+ +DONE|stat::number_of_executed_units|==[0-9]+==ERROR|SUMMARY)' "$log" || true
+  execs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -1)
   rm -rf "$work"
-  if ls "$root/fuzz/findings/$name-"* >/dev/null 2>&1; then
-    echo "$name: finding kept in fuzz/findings/" >&2; exit 1
+  line=$(printf '%-20s %12s executions %6.1f min' "$name" "${execs:-?}" "$(awk -v s="$elapsed" 'BEGIN { print s / 60 }')")
+  summary+=("$line")
+  ran=$((ran + 1))
+  if [ "$rc" -ne 0 ] || ls "$root/fuzz/findings/$name-"* >/dev/null 2>&1; then
+    tail -n 40 "$log" >&2
+    rm -f "$log"
+    echo "$name: exit status $rc; finding kept in fuzz/findings/" >&2
+    exit 1
   fi
+  rm -f "$log"
 done
+if [ "$ran" -eq 0 ]; then echo "run-fuzzers: no fuzz target in $dir" >&2; exit 1; fi
+echo "== fuzz summary (${secs}s per target)"
+printf '%s\n' "${summary[@]}"

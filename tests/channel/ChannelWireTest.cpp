@@ -8,6 +8,8 @@
 #include <climits>
 #include <cstdint>
 #include <cstdio>
+#include <ostream>
+#include <string>
 #include <thread>
 
 using namespace kel_channel_test;
@@ -57,6 +59,15 @@ struct RANGE_CASE {
     bool fits;
     long long expected; // as the target type, widened
 };
+
+// How a case shows in test output; without it GoogleTest dumps the record's bytes, padding
+// included, which valgrind reports as a read of uninitialised memory.
+void PrintTo(const RANGE_CASE& c, std::ostream* os) {
+    static const char hex[] = "0123456789ABCDEF";
+    for (unsigned char b : c.wire) *os << hex[b >> 4] << hex[b & 15] << ' ';
+    *os << "as " << (c.isSigned ? "signed " : "unsigned ") << c.width * 8 << "-bit: "
+        << (c.fits ? std::to_string(c.expected) : std::string("out of range"));
+}
 
 long long ReadAs(CKelSocket& c, int width, bool isSigned) {
     switch (width * (isSigned ? 1 : -1)) {

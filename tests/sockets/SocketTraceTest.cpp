@@ -15,12 +15,26 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <sys/syscall.h>
 #include <thread>
+#include <unistd.h>
 
 using namespace KEL::Sockets;
 using kel_test::kHangGuardMs;
 
 namespace fs = boost::filesystem;
+
+namespace {
+
+// True while thread `tid` of this process sleeps in poll or ppoll: the socket wait. Read from
+// the kernel, so another thread can watch for it without touching the socket's own fields.
+bool BlockedInPoll(long tid) {
+    std::ifstream f("/proc/self/task/" + std::to_string(tid) + "/syscall");
+    long number = -1;
+    return (f >> number) && (number == SYS_poll || number == SYS_ppoll);
+}
+
+} // namespace
 
 TEST(SocketTrace, ReadTracesEachReceiveAndTheWouldBlockWaits) {
     const fs::path dir = fs::temp_directory_path() / fs::unique_path("kel-socktrace-%%%%-%%%%");
@@ -43,9 +57,10 @@ TEST(SocketTrace, ReadTracesEachReceiveAndTheWouldBlockWaits) {
         server.Write("a", 1, nullptr);
         ASSERT_EQ(client.Wait(kHangGuardMs), 1u);
         ASSERT_TRUE(client.CanRead());
-        // The rest comes once the reader met "would block" (which clears CanRead) and waits.
+        // The rest comes once the reader met "would block" and waits for the socket.
+        const long reader = ::syscall(SYS_gettid);
         std::thread writer([&] {
-            if (kel_test::Eventually([&] { return !client.CanRead(); })) server.Write("bc", 2, nullptr);
+            if (kel_test::Eventually([&] { return BlockedInPoll(reader); })) server.Write("bc", 2, nullptr);
         });
         ASSERT_EQ(client.Read(in, 3), 1u);
         writer.join();
