@@ -10,7 +10,7 @@ FUZZ_SECONDS ?= 120
 CMAKE_FLAGS ?=
 CTEST_FLAGS ?= --output-on-failure -j $(JOBS) -LE soak
 
-.PHONY: all deps build test test-asan demo tsan bench fuzz format clean
+.PHONY: all deps build test test-asan demo tour tsan bench fuzz format clean
 
 all: build
 
@@ -37,7 +37,14 @@ test-asan: deps
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	    UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest $(CTEST_FLAGS)
 
+# The suite's exchange end to end: a TLS monitoring service and its client on loopback.
+# DEMO_LANG=de shows every text in German.
+DEMO_LANG ?= en
 demo: build
+	@$(BUILD)/examples/kel_monitor --lang $(DEMO_LANG)
+
+# A tour of the library's basics: strings, formatting, failures, languages, the pool, trace.
+tour: build
 	@$(BUILD)/examples/kel_demo
 
 tsan: deps

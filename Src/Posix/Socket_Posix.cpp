@@ -274,6 +274,7 @@ unsigned int CSocket::StartConnect(CSocketAddr& address) {
     m_uStatus = 0;
     m_uError = 0;
     m_bClosedByPeer = false;
+    m_bAccepted = false;
     const int fd = ::socket(target.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP);
     if (fd < 0) RaiseErrno(errno, "socket");
     m_hSocket = static_cast<unsigned long long>(fd);
@@ -303,6 +304,7 @@ unsigned int CSocket::Attach(unsigned long long handle) {
     m_iPollFd = fd;
     m_uError = 0;
     m_bClosedByPeer = false;
+    m_bAccepted = true;
     m_uStatus = ST_IsConnected;
     return URET_Ok;
 }

@@ -65,6 +65,17 @@ public:
     /// holds only these settings. False when the document has no /config.
     bool WriteToXML(XML::xml_document& document) const;
 
+    /// Checks that the configured server answers like a CAS server: sends one validation
+    /// request with a ticket that cannot be valid over TLS (no certificate check, 10 s per
+    /// network step) and takes the rejection as the proof. 1 when the server rejected the
+    /// ticket, 135 (URET_ConnectFailed) on every other outcome, at once for a server that is
+    /// not configured ("0.0.0.0"). Never raises; a failure on the way is left in the calling
+    /// thread's error log. With "/validate" as validation path the answer is judged as the
+    /// plain-text protocol ("no" as body); with any other path the answer is handed to the XML
+    /// loader as a file name and must name a document with
+    /// /cas:serviceResponse/cas:authenticationFailure.
+    unsigned int TestConnection();
+
 private:
     std::string m_strServer;
     unsigned int m_uPort = 0;

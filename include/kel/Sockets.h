@@ -154,6 +154,7 @@ protected:
     unsigned int m_uTimeout = 0xFFFFFFFFu;
     int m_iFamily = 2;
     unsigned int m_uWaitMask = 0; ///< what the next wait waits for; 0: chosen from the state
+    bool m_bAccepted = false;     ///< the handle came from Attach (an accepted connection), not Connect
 };
 
 /// Accepts incoming TCP connections; waitable.

@@ -21,8 +21,17 @@
 // Status codes: 0x20010042 to 0x2001005F; an empty handle where an object is needed 0x20010037.
 //
 // A handle is used by one thread at a time; different handles may share objects freely.
+//
+// CSslSocket is a CSocket that a context makes secure after it connected or was accepted:
+//
+//     CSslSocket socket;                    CSslSocket accepted;
+//     socket.Connect(host, port);           listener.Accept(accepted);
+//     socket.MakeSecure(clientContext);     accepted.MakeSecure(serverContext);
+//
+// From then on Read and Write go through TLS with the plain socket's results and time-out.
 #pragma once
 
+#include <kel/Sockets.h>
 #include <kel/Strings.h>
 
 #include <string>
@@ -32,6 +41,7 @@ struct ssl_ctx_st;
 struct evp_pkey_st;
 struct x509_st;
 struct ssl_session_st;
+struct ssl_st;
 
 namespace KEL {
 namespace Sockets {
@@ -270,6 +280,116 @@ public:
 
 private:
     ssl_session_st* m_pSession = nullptr;
+};
+
+/// The OpenSSL call whose result CSslSocket::CheckSslCall judges; it selects the status
+/// raised when the call failed.
+enum SSL_FUNCTIONS : unsigned int {
+    SSLF_Accept = 0,   ///< 0x20010057 "SSL can't accept"
+    SSLF_Connect = 1,  ///< 0x20010058 "SSL can't connect"
+    SSLF_Read = 2,     ///< 0x20010059 "SSL can't read"
+    SSLF_Shutdown = 3, ///< 0x2001005A "SSL can't shutdown"
+    SSLF_Write = 4,    ///< 0x2001005B "SSL can't write"
+};
+
+/// A TCP socket that reads and writes through TLS once MakeSecure succeeded (IsSecure); until
+/// then it is a plain CSocket. The handshake runs as server on a socket that was accepted
+/// (Attach, CSocketListener::Accept) and as client on one that connected. Every OpenSSL call
+/// that cannot finish waits on the socket for what OpenSSL asked for and is repeated; the waits
+/// end on interrupts and honour the socket's time-out (0x20010022).
+///
+/// Failures are raised like those of CSocket. Besides the plain socket's codes: 0x2001005D the
+/// socket is already secure, 0x2001005E no SSL object, 0x2001005F a session OpenSSL does not
+/// take, 0x20010057 / 0x20010058 the handshake failed as server / client, 0x20010059 and
+/// 0x2001005B reading / writing failed, 0x2001005A the TLS close failed, 0x20010024 the peer
+/// dropped the connection without a TLS close (or kept a read waiting 800 times without a
+/// byte). OpenSSL's error queue is attached to the error log.
+///
+/// Shutdown modes (SetShutdownMode) say how Close ends the TLS layer:
+///     SM_Send     one-way: sends the close alert and does not wait for the peer's (default)
+///     SM_Both     two-way: sends the close alert and waits for the peer's
+///     SM_Receive  quiet: sends nothing (a peer that is known to be gone)
+/// Shutdown(how) ends the TLS layer one-way (SM_Send) or two-way (SM_Both) and then the TCP
+/// side `how`; SM_Receive shuts the TCP receiving side only.
+///
+/// OpenSSL may hold decrypted bytes the descriptor no longer shows: Wait sees them, a list wait
+/// (CWaiter) does not, so a reader empties the socket with partial reads until 131 before it
+/// joins a list wait. One thread uses a socket at a time.
+class KEL_API CSslSocket : public CSocket {
+public:
+    /// How many times in a row a read may be repeated without getting a byte.
+    static constexpr unsigned int kMaxReadRetries = 800;
+
+    CSslSocket() noexcept;
+    /// Frees the SSL object without a TLS close; the base closes the handle.
+    ~CSslSocket() override;
+
+    /// Makes the connected socket secure with `context`: creates the SSL object, binds it to the
+    /// handle and runs the handshake. 0x2001005D when already secure, 0x2001001E when not
+    /// connected. A socket whose handshake failed keeps its SSL object until Close or Abort; one
+    /// whose handshake timed out can finish it with CheckNegotiation.
+    unsigned int MakeSecure(CSslContext& context);
+    /// The same, offering `session` for resumption first (an empty handle offers nothing).
+    /// 0x2001005F when OpenSSL does not take the session.
+    unsigned int MakeSecure(CSslContext& context, CSslSession& session);
+    /// Completes a handshake that is still in progress (1; plain sockets: 1 at once).
+    unsigned int CheckNegotiation() override;
+
+    /// As CSocket::Read, through TLS. Partial (with `got`): the bytes of one TLS record, or 131
+    /// while no record is complete (never waits for input). Complete: waits as needed. A TLS
+    /// close of the peer gives 134 (partial) or 0x20010024 (complete); a read that was woken
+    /// 800 times in a row without a byte gives the socket up (0x20010024). A complete peek
+    /// sees one TLS record at most.
+    unsigned int Read(void* buffer, size_t size, size_t* got, READ_MODE mode) override;
+    /// As CSocket::Write, through TLS. TLS cannot take back a record it started, so the partial
+    /// form also waits until its records are out (it never returns 131).
+    unsigned int Write(const void* data, size_t size, size_t* written) override;
+    /// 1 at once when OpenSSL holds decrypted bytes and the wait is for input.
+    unsigned int Wait(unsigned int timeoutMs) override;
+    unsigned int Shutdown(unsigned int how) override;
+    /// Ends the TLS layer as the shutdown mode says, frees the SSL object and closes the handle.
+    /// A failing TLS close is traced and dropped: always 1.
+    unsigned int Close() override;
+    /// Like Close, and hands the connection's session to `session` for a later MakeSecure. The
+    /// tickets a TLS 1.3 server sent after the handshake are read first (for at most the socket
+    /// time-out, and no longer than 2 s), so that the session can be resumed. `session` is empty
+    /// when the socket was not secure.
+    unsigned int Close(CSslSession& session);
+    /// Frees the SSL object and closes at once, without a TLS close.
+    unsigned int Abort() override;
+
+    /// Judges the result of the OpenSSL call `function`: 0 when it finished, 1 when it must be
+    /// repeated (after waiting for the readiness OpenSSL asked for), or raises.
+    unsigned int CheckSslCall(int result, SSL_FUNCTIONS function);
+
+    /// Sets how Close ends the TLS layer; returns the previous mode.
+    SHUTDOWN_MODE SetShutdownMode(SHUTDOWN_MODE mode) noexcept {
+        const SHUTDOWN_MODE old = m_eShutdownMode;
+        m_eShutdownMode = mode;
+        return old;
+    }
+    SHUTDOWN_MODE GetShutdownMode() const noexcept { return m_eShutdownMode; }
+    /// The SSL object (null before MakeSecure and after Close), for direct OpenSSL queries.
+    ssl_st* GetSslHandle() const noexcept { return m_pSsl; }
+
+    using CSocket::Read;
+    using CSocket::Shutdown;
+    using CSocket::Wait;
+
+private:
+    void Secure(CSslContext& context, CSslSession* session);
+    void Handshake();
+    void EndTls(SHUTDOWN_MODE mode);
+    void ReadTickets();
+    void WaitFor(unsigned int bit);
+    void CountRetry();
+    void FreeSsl() noexcept;
+    void CheckUsable();
+
+    ssl_st* m_pSsl = nullptr;
+    SHUTDOWN_MODE m_eShutdownMode = SM_Send;
+    unsigned int m_uRetries = 0;
+    bool m_bBroken = false; ///< OpenSSL reported a fatal error: no TLS close any more
 };
 
 } // namespace Sockets

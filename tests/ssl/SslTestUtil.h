@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -58,7 +59,12 @@ public:
     }
 
 private:
-    static void Capture(const KEL::Strings::CStringRef& entry) { Entries().emplace_back(entry.C_Str()); }
+    // Entries may come from several threads (both ends of a loopback connection).
+    static void Capture(const KEL::Strings::CStringRef& entry) {
+        static std::mutex s_Lock;
+        std::lock_guard<std::mutex> hold(s_Lock);
+        Entries().emplace_back(entry.C_Str());
+    }
     unsigned int m_uSaved;
 };
 
