@@ -10,7 +10,7 @@ FUZZ_SECONDS ?= 120
 CMAKE_FLAGS ?=
 CTEST_FLAGS ?= --output-on-failure -j $(JOBS) -LE soak
 
-.PHONY: all deps build test test-asan demo tour tsan bench fuzz format clean
+.PHONY: all deps build test test-asan demo tour tsan bench fuzz format clean package docs
 
 all: build
 
@@ -63,6 +63,14 @@ fuzz: deps
 	      -DKEL_BUILD_EXAMPLES=OFF $(CMAKE_FLAGS)
 	cmake --build $(FUZZ_BUILD) -j $(JOBS)
 	scripts/run-fuzzers.sh $(FUZZ_BUILD)/fuzz $(FUZZ_SECONDS)
+
+# Debian packages (libkelbase7, libkelbase-dev, kelbase-tools) in $(BUILD).
+package: build
+	cd $(BUILD) && cpack -G DEB
+
+# API documentation (Doxygen) in $(BUILD)/docs/html; any warning fails the build.
+docs: deps $(BUILD)/CMakeCache.txt
+	cmake --build $(BUILD) --target docs
 
 format:
 	@git ls-files '*.h' '*.cpp' | xargs clang-format -i

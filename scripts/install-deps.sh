@@ -12,6 +12,9 @@ PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libfmt-dev libmsgpack-dev
   python3
+  dpkg-dev file binutils
+  tshark
+  doxygen
 )
 
 missing=()
@@ -36,6 +39,8 @@ fi
 export DEBIAN_FRONTEND=noninteractive
 # slapd must not start a directory of its own on installation: the tests run their own.
 echo "slapd slapd/no_configuration boolean true" | $SUDO debconf-set-selections 2>/dev/null || true
+# tshark captures as root here; no setuid dumpcap and no question about it.
+echo "wireshark-common wireshark-common/install-setuid boolean false" | $SUDO debconf-set-selections 2>/dev/null || true
 $SUDO apt-get update -qq
 $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
 echo "install-deps: done"

@@ -170,7 +170,10 @@ unsigned int CMutex::Init(bool initialOwner) {
 }
 
 unsigned int CMutex::Release() {
-    return Exceptions::Guarded(KEL_SITE(), [&] { return m_pCB->Release(); });
+    return Exceptions::Guarded(KEL_SITE(), [&] {
+        if (!m_pCB) KEL_RAISE(0x20010018u, "Mutex not initialized");
+        return m_pCB->Release();
+    });
 }
 
 unsigned int CMutex::Wait(CSyncGuard* guard, unsigned int timeout) {
@@ -194,7 +197,10 @@ unsigned int CSemaphore::Init(unsigned int initial, unsigned int maximum) {
 }
 
 unsigned int CSemaphore::Release() {
-    return Exceptions::Guarded(KEL_SITE(), [&] { return m_pCB->Release(); });
+    return Exceptions::Guarded(KEL_SITE(), [&] {
+        if (!m_pCB) KEL_RAISE(0x20010018u, "Semaphore not initialized");
+        return m_pCB->Release();
+    });
 }
 
 unsigned int CSemaphore::Wait(CSyncGuard* guard, unsigned int timeout) {

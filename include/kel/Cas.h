@@ -24,6 +24,7 @@
 namespace KEL {
 namespace Ldap {
 
+/// The CAS server settings of one configuration: read from and written to its `cas` element.
 class KEL_API CCASServer {
 public:
     /// The defaults of SetDefaults.

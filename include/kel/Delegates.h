@@ -189,6 +189,7 @@ class TDelegate;
 template <>
 class TDelegate<CCall> : public CCall {
 public:
+    /// The counted block that holds the object and its member function.
     template <class C>
     class CCb : public CCbHead {
     public:
@@ -210,6 +211,7 @@ public:
 /// Binds any callable into a CCall.
 template <class F> class TFunctionCall : public CCall {
 public:
+    /// The counted block that holds the callable.
     class CCb : public CCbHead {
     public:
         explicit CCb(F fn) : m_Fn(std::move(fn)) {}

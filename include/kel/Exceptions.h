@@ -101,9 +101,13 @@ public:
 
     // Building a log (used by the exception buffer). Each returns false when memory ran out;
     // the message is then dropped, the status still travels.
+    /// Empties the log and starts it with `code` and its native error (none when null).
     bool Start(unsigned int code, const NATIVE_ERROR* native) noexcept;
+    /// Opens the next message, raised or passed at `site`; text is appended to it.
     bool BeginMessage(const SOURCE_INFO* site) noexcept;
+    /// Appends to the open message (`upperCase` not 0: ASCII letters in upper case).
     bool AppendText(const char* text, size_t length, unsigned int upperCase) noexcept;
+    /// Appends `count` copies of `ch` to the open message.
     bool AppendFill(int ch, size_t count) noexcept;
 
     /// The block's layout is private to the library.
@@ -168,6 +172,10 @@ private:
 class KEL_API CException {
 public:
     CException(Threading::CThrowState& state, unsigned int line) noexcept : m_State(state), m_uLine(line) {}
+    /// Starts a new log with `code` (and its native error) and returns the stream of its first
+    /// message: `message` is a format whose arguments follow with `<<`, a boost::format
+    /// arrives finished and is taken literally; `site`, when given, is recorded as the raising
+    /// place. The stream's tryThrow() throws.
     CFormatStreamCurrExc prepareThrow(unsigned int code, const char* message);
     CFormatStreamCurrExc prepareThrow(unsigned int code, const NATIVE_ERROR& native, const char* message);
     CFormatStreamCurrExc prepareThrow(unsigned int code, SOURCE_INFO& site, const char* message);
@@ -191,6 +199,7 @@ public:
     void Format(const char* message);
     template <class... A>
     void Format(const char* message, const A&... args);
+    /// Throws `code` on when the caller of the operation is in throw mode, else returns it.
     unsigned int tryThrow(unsigned int code);
 
 private:
@@ -238,8 +247,12 @@ public:
     /// Whether the caller of this operation wanted exceptions.
     bool CallerThrows() const noexcept { return m_bInit && m_uSavedMode != 0; }
 
+    /// Finds the calling thread's control block and remembers its throw mode (once; the other
+    /// operations call it first).
     void Init() noexcept;
+    /// Puts back the throw mode remembered by Init when the operation changed it.
     void Restore() noexcept;
+    /// The calling thread's control block (made on first use for a foreign thread).
     Internals::CThreadCB* GetThreadCB() noexcept;
 
 private:

@@ -57,6 +57,7 @@ union DataType {
 
 using TDataType = TJsonObjectNS::TDataType;
 
+/// One value of a parsed JSON document, holding a share of the document.
 class KEL_API TJsonObject {
 public:
     /// The root of `doc`.

@@ -60,6 +60,8 @@ struct LNGDATA {
 /// A module's message strings: entry 0 from the compiled-in strings, more from a ".nls" file.
 class KEL_API CLngFile {
 public:
+    /// `strings` (`stringCount` of them, in the language `languageId`, UTF-8 when `isUtf8`)
+    /// become entry 0; `fileName` is the ".nls" file that may add more languages.
     CLngFile(const char* fileName, unsigned int languageId, const char* languageName, unsigned int isUtf8,
              const char* const* strings, unsigned long long stringCount);
     virtual ~CLngFile();

@@ -92,6 +92,8 @@ public:
     CLDAPServer(const CLDAPServer&) = delete;
     CLDAPServer& operator=(const CLDAPServer&) = delete;
 
+    /// Which kind of directory this is: the suite's own (internal), a customer's (external),
+    /// or the only server of a configuration, which is both (internal only).
     virtual bool isInternal() const { return false; }
     virtual bool isExternal() const { return false; }
     virtual bool isInternalOnly() const { return false; }

@@ -72,7 +72,10 @@ public:
 
     /// Starts a format bound to this buffer.
     virtual CFormatStream Format(const char* format);
+    /// Starts over at column 0; a sink that holds text also empties it.
     virtual void Reset();
+    /// Passes held text on where a sink has somewhere to pass it; the base holds nothing. The
+    /// meaning of `mode` is the sink's own.
     virtual void Flush(unsigned int mode);
     /// Appends `length` characters, in upper case when `upperCase` is not 0.
     virtual void Write(const char* text, size_t length, unsigned int upperCase) = 0;

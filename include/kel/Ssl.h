@@ -346,6 +346,8 @@ public:
     unsigned int Write(const void* data, size_t size, size_t* written) override;
     /// 1 at once when OpenSSL holds decrypted bytes and the wait is for input.
     unsigned int Wait(unsigned int timeoutMs) override;
+    /// On a secure socket, shutting down the sending side (or both) first ends the TLS layer
+    /// (sends the close alert; for both it also waits for the peer's); then as CSocket::Shutdown.
     unsigned int Shutdown(unsigned int how) override;
     /// Ends the TLS layer as the shutdown mode says, frees the SSL object and closes the handle.
     /// A failing TLS close is traced and dropped: always 1.

@@ -106,6 +106,8 @@ public:
     /// Bytes this narrow (Latin-1) text needs as UTF-8.
     size_t UTF8BufferSize() const noexcept;
 
+    /// A heap copy of the text: a read-only one in a single block, or (with `extra`) a
+    /// CStringVar with room for `extra` more characters.
     CStringRefPtr Dup() const;
     CStringVarPtr Dup(size_t extra) const;
 
@@ -413,9 +415,12 @@ public:
     CSubStringVar& operator=(char ch);
     CSubStringVar& operator=(Misc::CNull);
 
+    /// Replaces the window by `count` copies of `ch` (POSERR: as many as the window holds);
+    /// the window grows or shrinks with it.
     void Set(char ch, size_t count = POSERR);
     void ToLower() noexcept;
     void ToUpper() noexcept;
+    /// Turns every '/' of the window into '\' (the suite's stored paths use backslashes).
     void FixSlashes() noexcept;
 
 private:

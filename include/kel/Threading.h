@@ -216,6 +216,7 @@ public:
     CFastMutex(const CFastMutex&) = delete;
     CFastMutex& operator=(const CFastMutex&) = delete;
 
+    /// 1; a second Init does nothing.
     unsigned int Init();
     /// Sets up the reader count and its gate; returns the gate's Init status.
     unsigned int InitForReadWrite();
@@ -226,6 +227,7 @@ public:
     unsigned int Wait(unsigned int timeout = 0xFFFFFFFF) { return Wait(static_cast<CSyncGuard*>(nullptr), timeout); }
     /// Keeps Wait(0) from reading as a null guard.
     unsigned int Wait(int timeout) { return Wait(static_cast<unsigned int>(timeout)); }
+    /// Gives up one level of the writer lock; 0x20010018 before Init.
     unsigned int Release();
     /// Reader lock (exactly Wait without InitForReadWrite).
     unsigned int WaitForRead(CSyncGuard* guard, unsigned int timeout = 0xFFFFFFFF);
@@ -236,6 +238,8 @@ public:
         return WaitForRead(static_cast<CSyncGuard*>(nullptr), timeout);
     }
     unsigned int WaitForRead(int timeout) { return WaitForRead(static_cast<unsigned int>(timeout)); }
+    /// Ends one read lock; the last reader gives the mutex back (exactly Release without
+    /// InitForReadWrite).
     unsigned int ReadRelease();
 
 private:
@@ -357,7 +361,11 @@ public:
 /// A shareable, thread-owned, recursive mutex.
 class KEL_API CMutex : public TWaitable<Internals::Posix::CMutexCB> {
 public:
+    /// With `initialOwner` the calling thread owns the new mutex at once. 1 and nothing done
+    /// when already initialised.
     unsigned int Init(bool initialOwner = false);
+    /// Gives up one level of the calling thread's ownership; from a thread that does not own
+    /// the mutex nothing happens (1 all the same).
     unsigned int Release();
     /// 1, 65 or 130; with a guard: Nop on 130, else armed with Release.
     unsigned int Wait(CSyncGuard* guard, unsigned int timeout = 0xFFFFFFFF);
@@ -370,8 +378,13 @@ public:
 /// A shareable counting semaphore with a maximum.
 class KEL_API CSemaphore : public TWaitable<Internals::Posix::CSemaphoreCB> {
 public:
+    /// 0x20010039 unless 0 < maximum <= INT_MAX and initial <= maximum. 1 and nothing done
+    /// when already initialised.
     unsigned int Init(unsigned int initial, unsigned int maximum);
+    /// Adds one to the count; 0x2001001A when it is at its maximum already.
     unsigned int Release();
+    /// Takes one from the count: 1 or 130; with a guard: Nop on 130, else armed with Release.
+    /// 0x20010018 without block.
     unsigned int Wait(CSyncGuard* guard, unsigned int timeout = 0xFFFFFFFF);
     unsigned int Wait(CSyncGuard& guard, unsigned int timeout = 0xFFFFFFFF) { return Wait(&guard, timeout); }
     unsigned int Wait(unsigned int timeout = 0xFFFFFFFF) { return Wait(static_cast<CSyncGuard*>(nullptr), timeout); }
@@ -656,6 +669,7 @@ namespace Delegates_and_Calls {
 /// Waiting consumes the signal (auto reset): one Wait per run.
 class KEL_API CWaitableCall : public CDelegate {
 public:
+    /// The counted block with the end-of-run event; a waitable call's blocks derive from it.
     class KEL_API CCbHead : public CCbBase {
     public:
         void HandedOver() override { m_Event.Reset(); }
@@ -679,6 +693,8 @@ protected:
 /// Binds any callable into a CWaitableCall.
 template <class F> class TWaitableFunction : public CWaitableCall {
 public:
+    /// The counted block that holds the callable; it sets the end-of-run event however the
+    /// callable ends.
     class CCb : public CCbHead {
     public:
         explicit CCb(F fn) : m_Fn(std::move(fn)) {}

@@ -39,8 +39,8 @@ namespace Trace {
 ///   _MaxFileSize      10     MiB per file before the sink rotates to the next file
 ///   _MaxBackupIndex   10     files kept: the collector keeps at most MaxFileSize x
 ///                              MaxBackupIndex MiB of older files and deletes the oldest
-/// A missing INI file, section or key means the default. File names are "<name>_<pid>_<n>.log",
-/// <n> counting rotations from 0, in the sub-directory "logs" of the given directory.
+/// A missing INI file, section or key means the default. File names are `<name>_<pid>_<n>.log`,
+/// `<n>` counting rotations from 0, in the sub-directory "logs" of the given directory.
 ///
 /// When the free space of the log directory falls below 128 KiB the trace writes "Final trace
 /// entry: file system space exhausted!" and writes nothing more to the file until it is opened

@@ -280,6 +280,14 @@ TEST(Event, WaitWithoutBlockRaisesNotInitialized) {
     EXPECT_EQ(RaisedCode([&] { e.Wait(0); }), 0x20010018u);
 }
 
+// Releasing an object that was never made must be a status, not a call through a null block.
+TEST(MutexAndSemaphore, ReleaseWithoutBlockRaisesNotInitialized) {
+    CMutex m;
+    CSemaphore s;
+    EXPECT_EQ(RaisedCode([&] { m.Release(); }), 0x20010018u);
+    EXPECT_EQ(RaisedCode([&] { s.Release(); }), 0x20010018u);
+}
+
 TEST(Event, CopiesShareTheBlockAndADuplicateSharesTheObject) {
     CEvent a;
     a.Init(false, false);
