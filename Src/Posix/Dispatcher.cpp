@@ -550,6 +550,70 @@ unsigned int WaitForObjectsOrDescriptors(CWaitContext& self, unsigned int count,
     return result;
 }
 
+unsigned int WaitForDescriptor(CWaitContext& self, pollfd& fd, unsigned int timeoutMs) noexcept {
+    // No object is queued for this wait, so only an alert can change the parker meanwhile: the
+    // dispatcher lock has nothing to guard. One atomic drops a stale wake and its result and
+    // reads the alert; the next one announces the poll to alerters.
+    uint32_t bits = self.m_uParker.fetch_and(CWaitContext::PW_Alert | CWaitContext::PW_Polling,
+                                             std::memory_order_acq_rel);
+    if (bits & CWaitContext::PW_Alert) {
+        self.m_uParker.fetch_and(~CWaitContext::PW_Alert, std::memory_order_acq_rel);
+        return WR_IoCompletion;
+    }
+    if (self.m_iEventFd.load(std::memory_order_relaxed) < 0) {
+        const int made = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+        if (made < 0) return WR_Failed;
+        self.m_iEventFd.store(made, std::memory_order_relaxed);
+    }
+    const int efd = self.m_iEventFd.load(std::memory_order_relaxed);
+    pollfd both[2];
+    both[0] = fd;
+    both[0].revents = 0;
+    both[1].fd = efd;
+    both[1].events = POLLIN;
+    both[1].revents = 0;
+    bits = self.m_uParker.fetch_or(CWaitContext::PW_Polling, std::memory_order_acq_rel);
+    // The clock is read only for a wait that has to go round again: the first poll takes the
+    // whole time-out, and a ready descriptor or an alert ends it at once.
+    const uint64_t start = timeoutMs != 0xFFFFFFFFu && timeoutMs != 0 ? MonotonicNow() : 0;
+    int ms = timeoutMs == 0xFFFFFFFFu ? -1 : timeoutMs > static_cast<unsigned int>(INT_MAX) ? INT_MAX
+                                                                                          : static_cast<int>(timeoutMs);
+    unsigned int result = WR_Timeout;
+    while (!(bits & CWaitContext::PW_Alert)) {
+        const int n = ::poll(both, 2, ms);
+        if (n < 0 && errno != EINTR) {
+            result = WR_Failed;
+            break;
+        }
+        if (both[1].revents & POLLIN) {
+            uint64_t drained;
+            ssize_t r = ::read(efd, &drained, sizeof drained);
+            (void)r;
+        }
+        bits = self.m_uParker.load(std::memory_order_acquire);
+        if (both[0].revents != 0) {
+            result = WR_Object0;
+            break;
+        }
+        if (n == 0 || ms == 0) break;
+        if (ms > 0) {
+            // Woken early by something that was no alert: only the time left counts.
+            const uint64_t waited = (MonotonicNow() - start) / 1000000ull;
+            if (waited >= timeoutMs) break;
+            const uint64_t left = timeoutMs - waited;
+            ms = left > static_cast<uint64_t>(INT_MAX) ? INT_MAX : static_cast<int>(left);
+        }
+    }
+    bits = self.m_uParker.fetch_and(~CWaitContext::PW_Polling, std::memory_order_acq_rel);
+    fd.revents = both[0].revents;
+    // An alert wins over a ready descriptor, as in the list wait: the interrupt ends this wait.
+    if (result != WR_Failed && (bits & CWaitContext::PW_Alert)) {
+        self.m_uParker.fetch_and(~CWaitContext::PW_Alert, std::memory_order_acq_rel);
+        return WR_IoCompletion;
+    }
+    return result;
+}
+
 unsigned int SleepAlertable(CWaitContext& self, unsigned int timeoutMs) noexcept {
     if (self.m_uParker.load(std::memory_order_acquire) & CWaitContext::PW_Alert) {
         self.m_uParker.fetch_and(~CWaitContext::PW_Alert, std::memory_order_acq_rel);

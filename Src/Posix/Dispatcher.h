@@ -138,6 +138,11 @@ unsigned int WaitForObjects(CWaitContext& self, unsigned int count, CDispatcher*
 unsigned int WaitForObjectsOrDescriptors(CWaitContext& self, unsigned int count, CDispatcher* const* objects,
                                          pollfd* fds, unsigned int fdCount, unsigned int timeoutMs) noexcept;
 
+/// Polls the single descriptor `fd` beside the context's parker (alertable, no objects):
+/// WR_Object0 when it became ready (its revents say how), WR_IoCompletion on an alert,
+/// WR_Timeout. The lean path of a wait for one socket: no dispatcher lock, no list.
+unsigned int WaitForDescriptor(CWaitContext& self, pollfd& fd, unsigned int timeoutMs) noexcept;
+
 /// Parks for `timeoutMs` (or until an alert): WR_Timeout or WR_IoCompletion.
 unsigned int SleepAlertable(CWaitContext& self, unsigned int timeoutMs) noexcept;
 

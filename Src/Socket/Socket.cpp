@@ -9,6 +9,7 @@
 #include <kel/Trace.h>
 
 #include "Posix/Socket_Posix.h"
+#include "threads/ThreadCB.h"
 
 #include <cerrno>
 
@@ -34,9 +35,26 @@ unsigned int CSocket::Wait() {
 
 unsigned int CSocket::Wait(unsigned int timeoutMs) {
     if (m_hSocket == kNoHandle) KEL_RAISE(0x2001001Eu, "Socket is not connected");
-    Threading::CWaiter waiter;
-    waiter << static_cast<Threading::CWaitHandle>(*this);
-    return waiter.Wait(timeoutMs);
+    // A socket alone needs no wait list: its descriptor is polled beside the thread's parker
+    // directly (interrupts still end the wait), with the mask a list wait would arm.
+    Threading::CThrowState state;
+    try {
+        unsigned int mask = m_uWaitMask;
+        if (mask == 0) {
+            const bool connecting = !IsConnected() && !m_bClosedByPeer;
+            mask = connecting ? (ST_IsConnected | ST_Close) : (ST_CanRead | ST_Close);
+        }
+        SetMask(mask);
+        short revents = 0;
+        const unsigned int r =
+            Internals::CThreadCB::Current().WaitDescriptor(m_iPollFd, m_sPollEvents, revents, timeoutMs);
+        if (r != URET_Ok) return r;
+        m_sPollResult = revents;
+        SignaledAfterWait(mask);
+        return URET_Ok;
+    } catch (const Exceptions::CKelException&) {
+        return state.ThrowNext(KEL_SITE());
+    }
 }
 
 unsigned int CSocket::DoWait(unsigned int mask) {

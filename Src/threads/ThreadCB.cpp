@@ -320,6 +320,28 @@ unsigned int CThreadCB::Wait(CWaitList& list, unsigned int timeout, bool waitAll
     return n + 1;
 }
 
+unsigned int CThreadCB::WaitDescriptor(int fd, short events, short& revents, unsigned int timeout) {
+    ThrowIfInterrupted();
+    pollfd one;
+    one.fd = fd;
+    one.events = events;
+    one.revents = 0;
+    const unsigned long long start = timeout != 0xFFFFFFFFu ? Functions::GetTickTime(1000) : 0;
+    unsigned int remaining = timeout;
+    for (;;) {
+        const unsigned int r = Posix::WaitForDescriptor(m_WaitContext, one, remaining);
+        if (r == Posix::WR_Object0) {
+            revents = one.revents;
+            return URET_Ok;
+        }
+        if (r == Posix::WR_Timeout) return URET_Timeout;
+        if (r != Posix::WR_IoCompletion) ThrowWaitFailed();
+        ThrowIfInterrupted();
+        if (remaining == 0xFFFFFFFFu) continue;
+        if (!ShrinkRemaining(start, remaining)) return URET_Timeout;
+    }
+}
+
 unsigned int CThreadCB::Sleep(unsigned int ms) {
     if (ms == 0) {
         Yield();

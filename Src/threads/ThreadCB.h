@@ -49,6 +49,9 @@ public:
     unsigned int Wait(Posix::CDispatcher* object, unsigned int timeout);
     /// The list wait: n + 1 or 130.
     unsigned int Wait(CWaitList& list, unsigned int timeout, bool waitAll);
+    /// The wait for one poll descriptor (a socket) without a list: 1 when it became ready
+    /// (`revents` says how) or 130.
+    unsigned int WaitDescriptor(int fd, short events, short& revents, unsigned int timeout);
     /// The interruptible sleep.
     unsigned int Sleep(unsigned int ms);
 

@@ -418,14 +418,22 @@ protected:
             std::memcpy(p + 1, &be, 2);
             return 3;
         }
-        if (value < 0x100000000ull) {
-            // Three or four bytes: one 32-bit store (a fourth byte beyond a three-byte number
-            // lands in the free space and is overwritten by what follows).
-            const unsigned int n = value < 0x1000000 ? 3 : 4;
-            p[0] = static_cast<unsigned char>(cmd | (n - 1));
-            const unsigned int be = __builtin_bswap32(static_cast<unsigned int>(value << (32 - 8 * n)));
+        // Each size gets its own branch with a constant length: a predicted branch lets the
+        // next value's position be known at once, where a length computed from the bits would
+        // chain every value's store behind the previous value's bit scan.
+        if (value < 0x1000000) {
+            // Three bytes: one 32-bit store of the number shifted up; its fourth byte lands in
+            // the free space and is overwritten by what follows.
+            p[0] = static_cast<unsigned char>(cmd | 2);
+            const unsigned int be = __builtin_bswap32(static_cast<unsigned int>(value << 8));
             std::memcpy(p + 1, &be, 4);
-            return 1 + n;
+            return 4;
+        }
+        if (value < 0x100000000ull) {
+            p[0] = static_cast<unsigned char>(cmd | 3);
+            const unsigned int be = __builtin_bswap32(static_cast<unsigned int>(value));
+            std::memcpy(p + 1, &be, 4);
+            return 5;
         }
         const unsigned int n = value == 0 ? 1u : static_cast<unsigned int>((71 - __builtin_clzll(value)) >> 3);
         *p = static_cast<unsigned char>(cmd | (n - 1));
