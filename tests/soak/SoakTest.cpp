@@ -608,13 +608,13 @@ TEST(Soak, ServiceOnThePoolSurvivesAbortsKeepAlivesAndEventsWithoutLeaks) {
     const size_t threadsAfter = CountEntries("/proc/self/task");
 
     std::printf("soak (%s): %u s, %u clients: %llu TLS handshakes, %llu requests served, %llu answers verified, %llu aborts survived "
-                "(%llu sessions broken on the server), %llu event fetches checked, %llu keep-alives, "
+                "(%llu sessions broken on the server, %llu ended by a close), %llu event fetches checked, %llu keep-alives, "
                 "%llu event queries; resident %zu KiB warm, %zu KiB at the end; descriptors %zu/%zu, "
                 "threads %zu/%zu\n",
                 tls ? "TLS" : "plain TCP", seconds, kClients, static_cast<unsigned long long>(c.tlsHandshakes.load()),
                 static_cast<unsigned long long>(c.served.load()),
                 static_cast<unsigned long long>(c.verified.load()), static_cast<unsigned long long>(c.aborts.load()),
-                static_cast<unsigned long long>(c.serverBroken.load()),
+                static_cast<unsigned long long>(c.serverBroken.load()), static_cast<unsigned long long>(c.serverEnded.load()),
                 static_cast<unsigned long long>(c.eventsChecked.load()),
                 static_cast<unsigned long long>(c.keepAlives.load()),
                 static_cast<unsigned long long>(c.eventQueries.load()), warmKiB, endKiB, fdsBefore, fdsAfter,
