@@ -125,9 +125,12 @@ protected:
 
     // Bytes each way of one clean connection through the proxy: after both handshakes (the
     // server's hello answer proves it has read everything the client sent until then) and
-    // after one exchange with `p` (its answer proves the same for the request).
+    // after one exchange with `p` (its answer proves the same for the request). The proxy
+    // counts a chunk once its send returned, which may be after the client has read it, so
+    // the server's bytes are a lower bound: at least its handshake flight, which the client
+    // answered through the proxy.
     struct Sizes {
-        size_t upOpen = 0, downOpen = 0, upTotal = 0, downTotal = 0;
+        size_t upOpen = 0, downOpen = 0, upTotal = 0;
     };
     Sizes Measure(const kel_test::Payload& p) {
         Sizes sizes;
@@ -140,7 +143,6 @@ protected:
         sizes.downOpen = m_Proxy->ForwardedToClient() - down0;
         EXPECT_EQ(Exchange(client, 9, p), 1u);
         sizes.upTotal = m_Proxy->ForwardedToServer() - up0;
-        sizes.downTotal = m_Proxy->ForwardedToClient() - down0;
         EXPECT_EQ(client.Close(), 1u);
         EXPECT_EQ(m_Server.SessionEnd(++m_nSessions), 133u);
         return sizes;
@@ -229,7 +231,6 @@ TEST_F(TlsChannelFaults, EveryCutOfTheServersBytesEndsBothSidesWithAStatus) {
     const kel_test::Payload p = MakePayload(4, 20000);
     const Sizes sizes = Measure(p);
     ASSERT_GT(sizes.downOpen, 1000u); // the certificate is in it
-    ASSERT_GT(sizes.downTotal, sizes.downOpen + p.block.size());
     SweepCuts(Kind::Truncate, Direction::ServerToClient, CutPoints(sizes.downOpen, p.block.size()), p);
     ExpectServerStillServes();
 }
