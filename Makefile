@@ -16,6 +16,8 @@ TSAN_LABELS ?= threads|pool|sockets|channel|ssl|faults
 VG_TIMEOUT_FACTOR ?= 20
 # The soak test's length in seconds (read by the test program).
 SOAK_SECONDS ?= 180
+# The soak test runs over TLS; SOAK_PLAIN=1 runs it over plain TCP.
+SOAK_PLAIN ?= 0
 
 .PHONY: all deps build test test-asan demo tour tsan valgrind soak bench fuzz format clean package docs
 
@@ -71,9 +73,9 @@ valgrind: deps
 	cmake --build $(VG_BUILD) -j $(JOBS)
 	cd $(VG_BUILD) && nice -n 19 ctest $(CTEST_FLAGS)
 
-# The long-running service test (label soak), SOAK_SECONDS long.
+# The long-running service test (label soak), SOAK_SECONDS long, over TLS unless SOAK_PLAIN=1.
 soak: build
-	cd $(BUILD) && KEL_SOAK_SECONDS=$(SOAK_SECONDS) ctest --output-on-failure -L soak
+	cd $(BUILD) && KEL_SOAK_SECONDS=$(SOAK_SECONDS) KEL_SOAK_PLAIN=$(SOAK_PLAIN) ctest --output-on-failure -L soak
 
 bench: build
 	@for b in $(BUILD)/bench/bench_*; do echo "== $$b"; $$b --benchmark_repetitions=5 \

@@ -6,6 +6,7 @@
 // number of bytes, or reset, ends both sides with the channel's statuses (never a hang, never
 // a crash), and the server goes on serving the next client. A peer that goes silent ends the
 // wait with the socket's time-out.
+#include "EchoChannel.h"
 #include "FaultProxy.h"
 
 #include "../threads/ThreadTestUtil.h"
@@ -27,169 +28,20 @@
 #include <vector>
 
 using KEL::Sockets::CKelSocketClient;
-using KEL::Sockets::CKelSocketServer;
 using KEL::Sockets::CSocket;
-using KEL::Sockets::CSocketListener;
 using kel_test::CFaultProxy;
+using kel_test::kAppId;
 using kel_test::kHangGuardMs;
+using kel_test::CEchoServer;
+using kel_test::Exchange;
+using kel_test::MakePayload;
+using kel_test::Payload;
 
 namespace {
-
-constexpr unsigned int kAppId = 0x4B454C31u;
-constexpr unsigned int kGarbled = 0xBADu; // an exchange that "succeeded" with wrong bytes
 
 using Fault = CFaultProxy::Fault;
 using Kind = CFaultProxy::Kind;
 using Direction = CFaultProxy::Direction;
-
-// What one request carries; the server answers with the same values in the same order.
-struct Payload {
-    std::vector<long long> numbers;
-    std::string text;
-    std::string block;
-};
-
-Payload MakePayload(unsigned int seed, size_t blockSize) {
-    Payload p;
-    const long long values[] = {0, 31, 32, -1, -31, -32, -33, 255, 256, 65535, -5000000000ll, 1ll << 56,
-                                static_cast<long long>(seed)};
-    p.numbers.assign(std::begin(values), std::end(values));
-    for (unsigned int i = 0; i < 40 + seed % 50; ++i) p.text.push_back(static_cast<char>('a' + (i * 7 + seed) % 26));
-    p.text.push_back('\0');
-    p.text += "\x05\x03\xff tail";
-    for (size_t i = 0; i < blockSize; ++i) p.block.push_back(static_cast<char>((i * 131 + seed) ^ (i >> 7)));
-    return p;
-}
-
-unsigned int Code(const KEL::Exceptions::CKelException& e) { return e.GetCode(); }
-
-// A server: accepts on a listener and serves each connection on its own thread. It records how
-// each session ended: 133 for a client's goodbye, else the failing status.
-class CEchoServer {
-public:
-    CEchoServer() {
-        m_Listener.StartListen(0, 0);
-        m_nPort = m_Listener.GetLocalAddr().GetPort();
-        m_Acceptor = std::thread([this] { AcceptLoop(); });
-    }
-    ~CEchoServer() {
-        m_bStop = true;
-        m_Acceptor.join();
-        for (std::thread& t : m_Sessions) t.join();
-    }
-    unsigned int Port() const { return m_nPort; }
-
-    /// Waits until `n` sessions have ended and returns how the n-th ended.
-    unsigned int SessionEnd(size_t n) {
-        std::unique_lock<std::mutex> hold(m_Lock);
-        if (!m_Ended.wait_for(hold, std::chrono::milliseconds(kHangGuardMs), [&] { return m_Ends.size() >= n; }))
-            return 0;
-        return m_Ends[n - 1];
-    }
-
-private:
-    void AcceptLoop() {
-        while (!m_bStop) {
-            if (m_Listener.Wait(50) != 1u) continue;
-            auto socket = std::make_shared<CSocket>();
-            if (m_Listener.Accept(*socket) != 1u) continue;
-            m_Sessions.emplace_back([this, socket] { End(Serve(*socket)); });
-        }
-    }
-
-    void End(unsigned int how) {
-        std::lock_guard<std::mutex> hold(m_Lock);
-        m_Ends.push_back(how);
-        m_Ended.notify_all();
-    }
-
-    static unsigned int Serve(CSocket& socket) {
-        socket.SetTimeout(kHangGuardMs);
-        CKelSocketServer s;
-        unsigned int r = s.Attach(socket, kAppId);
-        if (r != 1u) return r;
-        for (;;) {
-            unsigned int code = 0;
-            r = s.WaitForRequest(code);
-            if (r == 130u) continue;
-            if (r == 133u) {
-                s.Close();
-                return r;
-            }
-            if (r != 1u) break;
-            try {
-                Payload p;
-                unsigned int count = 0;
-                s >> count;
-                p.numbers.resize(count);
-                for (long long& n : p.numbers) s >> n;
-                s >> p.text;
-                char piece[700];
-                size_t got = 0;
-                while ((r = s.Read(piece, sizeof piece, got)) == 132u) p.block.append(piece, got);
-                p.block.append(piece, got);
-                if (r != 1u) break;
-                if ((r = s.SendAck(code + 1)) != 1u) break;
-                s << count;
-                for (long long n : p.numbers) s << n;
-                s << p.text;
-                s.Write(p.block.data(), p.block.size());
-                if ((r = s.EndAck()) != 1u) break;
-                if ((r = s.SendKeepAlive()) != 1u) break;
-                if ((r = s.SetEvents(1ull << (code % 64))) != 1u) break;
-            } catch (const KEL::Exceptions::CKelException& e) {
-                r = Code(e);
-                break;
-            }
-        }
-        s.Abort();
-        return r;
-    }
-
-    CSocketListener m_Listener;
-    unsigned int m_nPort = 0;
-    std::atomic<bool> m_bStop{false};
-    std::thread m_Acceptor;
-    std::vector<std::thread> m_Sessions; // the acceptor's own until it has ended
-    std::mutex m_Lock;
-    std::condition_variable m_Ended;
-    std::vector<unsigned int> m_Ends;
-};
-
-// One request with `p` and its answer; 1 when the answer came back byte-exact, kGarbled when
-// it came back different, else the first failing status.
-unsigned int Exchange(CKelSocketClient& c, unsigned int code, const Payload& p) {
-    unsigned int r = c.StartRequest(code);
-    if (r != 1u) return r;
-    Payload back;
-    try {
-        c << static_cast<unsigned int>(p.numbers.size());
-        for (long long n : p.numbers) c << n;
-        c << p.text;
-        c.Write(p.block.data(), p.block.size());
-        unsigned int ack = 0;
-        if ((r = c.WaitForAck(ack)) != 1u) return r;
-        if (ack != code + 1) return kGarbled;
-        unsigned int count = 0;
-        c >> count;
-        if (count != p.numbers.size()) return kGarbled;
-        back.numbers.resize(count);
-        for (long long& n : back.numbers) c >> n;
-        c >> back.text;
-        char piece[500];
-        size_t got = 0;
-        while ((r = c.Read(piece, sizeof piece, got)) == 132u) back.block.append(piece, got);
-        back.block.append(piece, got);
-        if (r != 1u) return r;
-    } catch (const KEL::Exceptions::CKelException& e) {
-        return Code(e);
-    }
-    if ((r = c.EndRequest()) != 1u) return r;
-    // -32 travels as the byte 0xE0, which every reader takes as 0.
-    std::vector<long long> expected = p.numbers;
-    std::replace(expected.begin(), expected.end(), -32ll, 0ll);
-    return back.numbers == expected && back.text == p.text && back.block == p.block ? 1u : kGarbled;
-}
 
 class ChannelFaults : public ::testing::Test {
 protected:

@@ -5,13 +5,17 @@
 // checksums, clients that abort in the middle of a request and connect again, keep-alives and
 // event notices between the requests. It runs KEL_SOAK_SECONDS (default 180) and fails on a lost
 // or garbled answer, on a descriptor or thread left behind, and on resident memory that keeps
-// growing once the service is warm.
+// growing once the service is warm. Every connection runs over TLS (each session's handshake is
+// a pool job too); KEL_SOAK_PLAIN=1 runs the same load over plain TCP.
 #include "../threads/ThreadTestUtil.h"
 
 #include <kel/Delegates.h>
 #include <kel/Exceptions.h>
 #include <kel/Sockets.h>
+#include <kel/Ssl.h>
 #include <kel/Threading.h>
+
+#include <openssl/ssl.h>
 
 #include <gtest/gtest.h>
 
@@ -36,8 +40,9 @@
 
 using KEL::Sockets::CKelSocketClient;
 using KEL::Sockets::CKelSocketServer;
-using KEL::Sockets::CSocket;
 using KEL::Sockets::CSocketListener;
+using KEL::Sockets::CSslContext;
+using KEL::Sockets::CSslSocket;
 
 namespace {
 
@@ -81,6 +86,38 @@ size_t ResidentKiB() {
     return resident * static_cast<size_t>(::sysconf(_SC_PAGESIZE)) / 1024;
 }
 
+// TLS unless KEL_SOAK_PLAIN is set to something other than 0.
+bool SoakOverTls() {
+    const char* s = std::getenv("KEL_SOAK_PLAIN");
+    return !s || !*s || std::strcmp(s, "0") == 0;
+}
+
+// The server's TLS identity: one RSA key for the whole run (generation is slow under the
+// sanitizers) and a self-signed certificate for it.
+CSslContext MakeServerContext() {
+    KEL::Sockets::CSslKey key;
+    KEL::Sockets::CSslCertificate certificate, noIntermediate;
+    KEL::Sockets::CERTIFICATE_DATA data;
+    data.organization = "Lanternbay";
+    data.commonName = "localhost";
+    data.subjectAltNames = {"localhost", "127.0.0.1"};
+    CSslContext context;
+    if (key.MakeKey(2048) != 1u || certificate.MakeCertificate(data, key) != 1u ||
+        context.MakeContext(KEL::Sockets::SSLM_Default, KEL::Sockets::SSLV_None, "", {}, key, certificate,
+                            noIntermediate) != 1u)
+        ADD_FAILURE() << "no TLS server identity";
+    return context;
+}
+
+// MakeSecure raises its failures rather than returning them.
+unsigned int MakeSecureStatus(CSslSocket& socket, CSslContext& context) {
+    try {
+        return socket.MakeSecure(context);
+    } catch (const KEL::Exceptions::CKelException& e) {
+        return e.GetCode();
+    }
+}
+
 unsigned int SoakSeconds() {
     const char* s = std::getenv("KEL_SOAK_SECONDS");
     const long v = s ? std::strtol(s, nullptr, 10) : 0;
@@ -114,6 +151,7 @@ struct Counters {
     std::atomic<uint64_t> eventsChecked{0}; // event fetches that matched what the client was owed
     std::atomic<uint64_t> eventErrors{0};   // event fetches that did not: never
     std::atomic<uint64_t> acceptErrors{0};  // failed accepts: never
+    std::atomic<uint64_t> tlsHandshakes{0}; // TLS handshakes the server completed
 };
 
 // ---- server -------------------------------------------------------------------------------
@@ -121,9 +159,12 @@ struct Counters {
 // One accepted connection with its channel. Only one thread owns it at a time: the dispatcher
 // while it waits for input, a pool job while a request is served.
 struct Session {
-    CSocket socket;
+    CSslSocket socket; // plain until made secure
     CKelSocketServer channel;
     bool attached = false;
+    // With TLS: the session's own handle on the server's context (a handle serves one thread
+    // at a time; the SSL_CTX behind it is shared).
+    std::unique_ptr<CSslContext> tls;
 };
 
 class CListener : public CSocketListener {
@@ -133,7 +174,8 @@ public:
 
 class CServer {
 public:
-    explicit CServer(Counters& c) : m_C(c) {
+    // `tls`: the server context for TLS sessions, null for plain TCP.
+    CServer(Counters& c, const CSslContext* tls) : m_C(c), m_pTls(tls) {
         m_Listener.StartListen(0, 0);
         m_nPort = m_Listener.GetLocalAddr().GetPort();
         if (::pipe2(m_hWake, O_CLOEXEC | O_NONBLOCK) != 0) std::abort();
@@ -184,11 +226,18 @@ private:
         }));
     }
 
-    // The pool job: the handshake of a new session, or one request of an attached one.
-    // Returns the session when it goes on, null when it ended.
+    // The pool job: the handshakes of a new session, or the requests of an attached one that
+    // are ready. Returns the session when it goes on, null when it ended.
     std::unique_ptr<Session> Serve(std::unique_ptr<Session> s) {
         s->socket.SetTimeout(kSocketTimeoutMs);
         if (!s->attached) {
+            if (s->tls) {
+                if (MakeSecureStatus(s->socket, *s->tls) != 1u) {
+                    ++m_C.serverBroken;
+                    return nullptr;
+                }
+                ++m_C.tlsHandshakes;
+            }
             if (s->channel.Attach(s->socket, kAppId) != 1u) {
                 ++m_C.serverBroken;
                 return nullptr;
@@ -196,23 +245,34 @@ private:
             s->attached = true;
             return s;
         }
+        // OpenSSL may hold decrypted input the descriptor no longer shows, and the dispatcher
+        // only polls descriptors: serve on while the TLS layer has bytes.
+        do {
+            if (!ServeOne(*s)) return nullptr;
+        } while (s->tls && SSL_pending(s->socket.GetSslHandle()) > 0);
+        return s;
+    }
+
+    // One request or event query; false when the session ended.
+    bool ServeOne(Session& session) {
+        Session* s = &session;
         unsigned int code = 0;
         const unsigned int r = s->channel.WaitForRequest(code);
         if (r == 130u) {
             ++m_C.eventQueries;
-            return s;
+            return true;
         }
         if (r == 133u) {
             s->channel.Close();
             ++m_C.serverEnded;
-            return nullptr;
+            return false;
         }
         if (r != 1u || !Answer(*s, code)) {
             s->channel.Abort();
             ++m_C.serverBroken;
-            return nullptr;
+            return false;
         }
-        return s;
+        return true;
     }
 
     bool Answer(Session& s, unsigned int code) {
@@ -297,6 +357,7 @@ private:
                         ++m_C.acceptErrors;
                         break;
                     }
+                    if (m_pTls) s->tls = std::make_unique<CSslContext>(*m_pTls);
                     Start(std::move(s));
                 }
             }
@@ -312,6 +373,7 @@ private:
     }
 
     Counters& m_C;
+    const CSslContext* m_pTls;
     CListener m_Listener;
     unsigned int m_nPort = 0;
     int m_hWake[2] = {-1, -1};
@@ -328,8 +390,11 @@ private:
 
 class CClient {
 public:
-    CClient(Counters& c, unsigned int port, unsigned int id, Clock::time_point end)
-        : m_C(c), m_nPort(port), m_Rng(0x9E3779B9u * (id + 1)), m_End(end) {}
+    // `tls`: the client context (the client takes a handle of its own), null for plain TCP.
+    CClient(Counters& c, unsigned int port, unsigned int id, Clock::time_point end, const CSslContext* tls)
+        : m_C(c), m_nPort(port), m_Rng(0x9E3779B9u * (id + 1)), m_End(end) {
+        if (tls) m_Tls = std::make_unique<CSslContext>(*tls);
+    }
 
     // Returns a text describing the first fault seen, empty when all went well.
     std::string Run() {
@@ -359,6 +424,7 @@ private:
     bool Connect() {
         m_Socket.SetTimeout(kSocketTimeoutMs);
         if (m_Socket.ConnectLocal(m_nPort) != 1u) return false;
+        if (m_Tls && MakeSecureStatus(m_Socket, *m_Tls) != 1u) return false;
         if (m_Channel.Attach(m_Socket, kAppId) != 1u) return false;
         m_bConnected = true;
         m_uOwedOld = m_uOwedLast = 0;
@@ -487,7 +553,8 @@ private:
     unsigned int m_nPort;
     std::mt19937 m_Rng;
     Clock::time_point m_End;
-    CSocket m_Socket;
+    std::unique_ptr<CSslContext> m_Tls;
+    CSslSocket m_Socket;
     CKelSocketClient m_Channel;
     bool m_bConnected = false;
     uint64_t m_uSeq = 0;
@@ -499,6 +566,12 @@ private:
 
 TEST(Soak, ServiceOnThePoolSurvivesAbortsKeepAlivesAndEventsWithoutLeaks) {
     const unsigned int seconds = SoakSeconds();
+    const bool tls = SoakOverTls();
+    CSslContext serverCtx, clientCtx;
+    if (tls) {
+        serverCtx = MakeServerContext();
+        ASSERT_EQ(clientCtx.MakeContext(KEL::Sockets::SSLM_Default), 1u);
+    }
     // A first thread makes the helpers that come with one (ThreadSanitizer starts its own on
     // the first thread creation) exist before the count.
     std::thread([] {}).join();
@@ -509,7 +582,7 @@ TEST(Soak, ServiceOnThePoolSurvivesAbortsKeepAlivesAndEventsWithoutLeaks) {
     std::vector<std::string> faults(kClients);
     size_t warmKiB = 0, endKiB = 0;
     {
-        CServer server(c);
+        CServer server(c, tls ? &serverCtx : nullptr);
         const Clock::time_point start = Clock::now();
         const Clock::time_point end = start + std::chrono::seconds(seconds);
         // The warm mark: the end of the second minute of a long run, the first third of a short one.
@@ -518,8 +591,9 @@ TEST(Soak, ServiceOnThePoolSurvivesAbortsKeepAlivesAndEventsWithoutLeaks) {
         std::vector<std::thread> clients;
         for (unsigned int i = 0; i < kClients; ++i) {
             clients.emplace_back([&, i] {
-                CClient client(c, server.Port(), i, end);
+                CClient client(c, server.Port(), i, end, tls ? &clientCtx : nullptr);
                 faults[i] = client.Run();
+                KEL::Sockets::PrepareSslShutdown();
             });
         }
         std::this_thread::sleep_until(warm);
@@ -533,13 +607,14 @@ TEST(Soak, ServiceOnThePoolSurvivesAbortsKeepAlivesAndEventsWithoutLeaks) {
     const size_t fdsAfter = CountEntries("/proc/self/fd");
     const size_t threadsAfter = CountEntries("/proc/self/task");
 
-    std::printf("soak: %u s, %u clients: %llu requests served, %llu answers verified, %llu aborts survived "
-                "(%llu sessions broken on the server), %llu event fetches checked, %llu keep-alives, "
+    std::printf("soak (%s): %u s, %u clients: %llu TLS handshakes, %llu requests served, %llu answers verified, %llu aborts survived "
+                "(%llu sessions broken on the server, %llu ended by a close), %llu event fetches checked, %llu keep-alives, "
                 "%llu event queries; resident %zu KiB warm, %zu KiB at the end; descriptors %zu/%zu, "
                 "threads %zu/%zu\n",
-                seconds, kClients, static_cast<unsigned long long>(c.served.load()),
+                tls ? "TLS" : "plain TCP", seconds, kClients, static_cast<unsigned long long>(c.tlsHandshakes.load()),
+                static_cast<unsigned long long>(c.served.load()),
                 static_cast<unsigned long long>(c.verified.load()), static_cast<unsigned long long>(c.aborts.load()),
-                static_cast<unsigned long long>(c.serverBroken.load()),
+                static_cast<unsigned long long>(c.serverBroken.load()), static_cast<unsigned long long>(c.serverEnded.load()),
                 static_cast<unsigned long long>(c.eventsChecked.load()),
                 static_cast<unsigned long long>(c.keepAlives.load()),
                 static_cast<unsigned long long>(c.eventQueries.load()), warmKiB, endKiB, fdsBefore, fdsAfter,
@@ -555,6 +630,13 @@ TEST(Soak, ServiceOnThePoolSurvivesAbortsKeepAlivesAndEventsWithoutLeaks) {
     EXPECT_GE(c.served.load(), c.verified.load());
     EXPECT_LE(c.serverBroken.load(), c.aborts.load());
     EXPECT_GT(c.verified.load(), 0u);
+    if (tls) {
+        // Each client's first session and every reconnection before the end went through a
+        // complete TLS handshake on the server, and no session came from elsewhere.
+        EXPECT_GE(c.tlsHandshakes.load(), kClients);
+        EXPECT_GE(c.tlsHandshakes.load(), c.reconnects.load());
+        EXPECT_LE(c.tlsHandshakes.load(), kClients + c.reconnects.load());
+    }
     EXPECT_EQ(fdsAfter, fdsBefore);
     EXPECT_EQ(threadsAfter, threadsBefore);
 #if defined(__SANITIZE_ADDRESS__)
