@@ -68,7 +68,7 @@ void CSslModuleInfo::GetErrorMsg(Strings::CStringVar& text, unsigned int code, u
     text = buffer;
 }
 
-unsigned long CSslModuleInfo::GetErrorMsg(Strings::CStringVar& text) {
+unsigned long CSslModuleInfo::GetErrorMsg(Strings::CStringVar& text, ERROR_ENTRY_FN onEntry) {
     if (ERR_peek_error() == 0) return 0;
     LoadErrorTexts();
     unsigned long first = 0;
@@ -81,6 +81,7 @@ unsigned long CSslModuleInfo::GetErrorMsg(Strings::CStringVar& text) {
         if (first == 0) first = code;
         char buffer[256];
         ERR_error_string_n(code, buffer, sizeof buffer);
+        if (onEntry) onEntry(code, buffer, file ? file : "?", line);
         if (text.Length() != 0 && text[text.Length() - 1] != '\n') text += '\n';
         text += buffer;
         text.Format(" (%s@%d)") << (file ? file : "?") << line;

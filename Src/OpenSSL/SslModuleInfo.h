@@ -27,8 +27,10 @@ public:
     void GetErrorMsg(Strings::CStringVar& text, unsigned int code, unsigned int raw = 0) override;
     /// Drains the calling thread's error queue into `text` (appending), one entry a line:
     /// OpenSSL's error string, the source of the entry and its data when it has any. Returns
-    /// the oldest error code of the queue, 0 when it was empty.
-    static unsigned long GetErrorMsg(Strings::CStringVar& text);
+    /// the oldest error code of the queue, 0 when it was empty. `onEntry`, when given, sees
+    /// each entry as it is taken (a caller that traces the queue entry by entry).
+    using ERROR_ENTRY_FN = void (*)(unsigned long code, const char* reason, const char* file, int line);
+    static unsigned long GetErrorMsg(Strings::CStringVar& text, ERROR_ENTRY_FN onEntry = nullptr);
 
     /// Sets up the lock array (counted: each call needs one UninitSslLocks). 1, or 0x20010042.
     static unsigned int InitSslLocks();

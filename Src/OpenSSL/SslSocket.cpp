@@ -188,21 +188,11 @@ unsigned int CSslSocket::CheckSslCall(int result, SSL_FUNCTIONS function) {
         // The queue goes into the trace entry by entry and, as text, into the error log.
         Strings::TString<512> text;
         text.Format("SSL function %d failed (SSL_get_error %d)") << static_cast<unsigned int>(function) << error;
-        unsigned long first = 0;
-        const char* file = nullptr;
-        const char* func = nullptr;
-        const char* data = nullptr;
-        int line = 0;
-        int flags = 0;
-        while (unsigned long code = ERR_get_error_all(&file, &line, &func, &data, &flags)) {
-            if (first == 0) first = code;
-            char reason[256];
-            ERR_error_string_n(code, reason, sizeof reason);
-            KEL_TRACE(KEL_MODULE_INFO_KelLib, kTraceTls, kCheckSslCall, "SSL_ERROR %d:%s:%s:%d")
-                << code << reason << (file ? file : "?") << line;
-            text.Format("\n%s (%s@%d)") << reason << (file ? file : "?") << line;
-            if (data && *data && (flags & ERR_TXT_STRING)) text.Format(": %s") << data;
-        }
+        const unsigned long first = Internals::CSslModuleInfo::GetErrorMsg(
+            text, [](unsigned long code, const char* reason, const char* file, int line) {
+                KEL_TRACE(KEL_MODULE_INFO_KelLib, kTraceTls, kCheckSslCall, "SSL_ERROR %d:%s:%s:%d")
+                    << code << reason << file << line;
+            });
         Exceptions::NATIVE_ERROR native;
         native.kind = 4;
         native.value = static_cast<unsigned int>(first);
