@@ -221,7 +221,7 @@ const char* const kTexts[3] = {"name", "volume-01", "ok"};
 class CEncoder : public CKelSocketClient {
 public:
     void Begin() {
-        m_state = ST_Send;
+        SetState(ST_Send);
         m_count = 0;
         m_cursor = m_buffer;
     }

@@ -91,7 +91,7 @@ void CKelSocket::OutOfSync(const char* what, unsigned int cmd, unsigned long lon
 }
 
 void CKelSocket::StreamFailed() {
-    m_state |= ST_Error;
+    SetState(m_state | ST_Error);
     try {
         throw;
     } catch (const std::bad_alloc&) {
@@ -103,7 +103,7 @@ void CKelSocket::StreamFailed() {
 }
 
 void CKelSocket::BeginAttach(CSocket& socket) {
-    m_state = ST_Idle;
+    SetState(ST_Idle);
     m_socket = &socket;
     m_peerVersion = 0;
     m_peekCmd = NO_PEEK;
@@ -116,7 +116,7 @@ void CKelSocket::BeginAttach(CSocket& socket) {
 
 void CKelSocket::Detach() noexcept {
     m_socket = nullptr;
-    m_state = ST_Detached;
+    SetState(ST_Detached);
     m_peekCmd = NO_PEEK;
     m_blockLeft = 0;
     m_count = 0;
@@ -551,14 +551,14 @@ unsigned int CKelSocket::Read(void* buffer, size_t size, size_t& got) {
                 if (cmd != STC_BinBlockStart) OutOfSync("STC_BinBlockStart", cmd, value);
                 m_blockLeft = value;
                 if (value == 0) return URET_Ok;
-                m_state = ST_ReadBlock;
+                SetState(ST_ReadBlock);
             } else if (m_state != ST_ReadBlock) {
                 StateError("ST_Read/ST_ReadBlock");
             }
             for (;;) {
                 if (m_blockLeft == 0) {
                     if (PeekCmd(value) != STC_BinBlockCont) {
-                        m_state = ST_Read;
+                        SetState(ST_Read);
                         return URET_Ok;
                     }
                     ReadCmd(value);
@@ -572,7 +572,7 @@ unsigned int CKelSocket::Read(void* buffer, size_t size, size_t& got) {
                 m_blockLeft -= n;
             }
         } catch (...) {
-            m_state |= ST_Error;
+            SetState(m_state | ST_Error);
             throw;
         }
     });

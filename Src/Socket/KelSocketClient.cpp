@@ -18,7 +18,7 @@ unsigned int CKelSocketClient::Op(Exceptions::SOURCE_INFO& site, F&& body) {
         try {
             return body();
         } catch (...) {
-            m_state = ST_Idle | ST_Error;
+            SetState(ST_Idle | ST_Error);
             throw;
         }
     });
@@ -63,7 +63,7 @@ unsigned int CKelSocketClient::StartRequest(unsigned int requestCode) {
         CheckState(ST_Idle, "ST_Idle");
         PrepareBufferForSend();
         WriteCmd(STC_Request, requestCode);
-        m_state = ST_Send;
+        SetState(ST_Send);
         return URET_Ok;
     });
 }
@@ -73,7 +73,7 @@ unsigned int CKelSocketClient::WaitForAck(unsigned int& ackCode) {
         CheckState(ST_Send, "ST_Send");
         WriteByte(STC_WaitAck);
         Flush();
-        m_state = ST_Read;
+        SetState(ST_Read);
         AwaitAnswer();
         unsigned long long value = 0;
         const unsigned int cmd = ReadCmd(value);
@@ -89,17 +89,17 @@ unsigned int CKelSocketClient::EndRequest() {
         unsigned long long value = 0;
         const unsigned int cmd = ReadCmd(value);
         if (cmd != STC_EndAck) OutOfSync("STC_EndAck", cmd, value);
-        m_state = ST_Idle;
+        SetState(ST_Idle);
         return URET_Ok;
     });
 }
 
 unsigned int CKelSocketClient::Skip() {
     return Op(KEL_SITE(), [&]() -> unsigned int {
-        m_state &= ~static_cast<unsigned int>(ST_Error);
+        SetState(m_state & ~static_cast<unsigned int>(ST_Error));
         if (m_state != ST_Read && m_state != ST_ReadBlock) StateError("ST_Read/ST_ReadBlock");
         CKelSocket::Skip(STC_EndAck);
-        m_state = ST_Read;
+        SetState(ST_Read);
         return URET_Ok;
     });
 }
@@ -147,7 +147,7 @@ unsigned int CKelSocketClient::GetEvents(unsigned long long& events) {
 
 unsigned int CKelSocketClient::Close() {
     if (!m_socket) {
-        m_state = ST_Detached;
+        SetState(ST_Detached);
         return URET_Ok;
     }
     try {

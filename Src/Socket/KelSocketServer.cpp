@@ -18,7 +18,7 @@ unsigned int CKelSocketServer::Op(Exceptions::SOURCE_INFO& site, F&& body) {
         try {
             return body();
         } catch (...) {
-            m_state |= ST_Error;
+            SetState(m_state | ST_Error);
             throw;
         }
     });
@@ -73,7 +73,7 @@ unsigned int CKelSocketServer::TakeRequest(unsigned int& requestCode) {
     unsigned long long value = 0;
     const unsigned int cmd = ReadCmd(value);
     switch (cmd) {
-    case STC_Close: m_state = ST_Closed; return URET_Closed;
+    case STC_Close: SetState(ST_Closed); return URET_Closed;
     case STC_GetEvents:
         PrepareBufferForSend();
         WriteCmd(STC_Events, m_events);
@@ -82,7 +82,7 @@ unsigned int CKelSocketServer::TakeRequest(unsigned int& requestCode) {
         return URET_Timeout;
     case STC_Request:
         requestCode = static_cast<unsigned int>(value);
-        m_state = ST_Read;
+        SetState(ST_Read);
         return URET_Ok;
     default: KEL_RAISE(0x2001002Cu, "Protocol error: Cmd=x%02X where a request was expected", cmd);
     }
@@ -129,7 +129,7 @@ unsigned int CKelSocketServer::SendAck(unsigned int ackCode) {
         PrepareBufferForSend();
         // Not flushed: the acknowledge leaves with the answer.
         WriteCmd(STC_Ack, ackCode);
-        m_state = ST_Send;
+        SetState(ST_Send);
         return URET_Ok;
     });
 }
@@ -139,7 +139,7 @@ unsigned int CKelSocketServer::EndAck() {
         CheckState(ST_Send, "ST_Send");
         WriteByte(STC_EndAck);
         Flush();
-        m_state = ST_Idle;
+        SetState(ST_Idle);
         return URET_Ok;
     });
 }
@@ -170,10 +170,10 @@ unsigned int CKelSocketServer::SetEvents(unsigned long long events) {
 
 unsigned int CKelSocketServer::Skip() {
     return Op(KEL_SITE(), [&]() -> unsigned int {
-        m_state &= ~static_cast<unsigned int>(ST_Error);
+        SetState(m_state & ~static_cast<unsigned int>(ST_Error));
         if (m_state != ST_Read && m_state != ST_ReadBlock) StateError("ST_Read/ST_ReadBlock");
         CKelSocket::Skip(STC_WaitAck);
-        m_state = ST_Read;
+        SetState(ST_Read);
         return URET_Ok;
     });
 }

@@ -390,6 +390,10 @@ protected:
     /// Discards `size` raw input bytes.
     void SkipBytes(unsigned long long size);
 
+    void SetState(unsigned int state) noexcept {
+        m_state = state;
+        m_writeLimit = state == ST_Send ? BUFFER_SIZE - 8 : 0;
+    }
     /// 0x2001002A when flagged, 0x20010027 "Current=%d, expected=<name>" when not `expected`.
     void CheckState(unsigned int expected, const char* name) const {
         if (m_state != expected) StateError(name);
@@ -404,43 +408,18 @@ protected:
     void Detach() noexcept;
     bool InputBuffered() const noexcept { return m_count != 0 || m_peekCmd != NO_PEEK; }
 
-    // Encoders: write at `p` (at least 9 bytes free) and return the bytes written.
+    // Encoders: write at `p` (at least 9 bytes free) and return the bytes written. A number
+    // always takes one 8-byte store of which only its own bytes count; its size comes from a
+    // bit scan rather than a chain of comparisons, so a stream of mixed sizes costs no
+    // mispredicted or taken branches.
     static size_t EncodeCmd(unsigned char* p, unsigned int cmd, unsigned long long value) noexcept {
-        // One- and two-byte numbers are the common case: plain stores, no bit scan.
-        if (value < 0x100) {
-            p[0] = static_cast<unsigned char>(cmd);
-            p[1] = static_cast<unsigned char>(value);
-            return 2;
-        }
-        if (value < 0x10000) {
-            p[0] = static_cast<unsigned char>(cmd | 1);
-            const unsigned short be = __builtin_bswap16(static_cast<unsigned short>(value));
-            std::memcpy(p + 1, &be, 2);
-            return 3;
-        }
-        // Each size gets its own branch with a constant length: a predicted branch lets the
-        // next value's position be known at once, where a length computed from the bits would
-        // chain every value's store behind the previous value's bit scan.
-        if (value < 0x1000000) {
-            // Three bytes: one 32-bit store of the number shifted up; its fourth byte lands in
-            // the free space and is overwritten by what follows.
-            p[0] = static_cast<unsigned char>(cmd | 2);
-            const unsigned int be = __builtin_bswap32(static_cast<unsigned int>(value << 8));
-            std::memcpy(p + 1, &be, 4);
-            return 4;
-        }
-        if (value < 0x100000000ull) {
-            p[0] = static_cast<unsigned char>(cmd | 3);
-            const unsigned int be = __builtin_bswap32(static_cast<unsigned int>(value));
-            std::memcpy(p + 1, &be, 4);
-            return 5;
-        }
-        const unsigned int n = value == 0 ? 1u : static_cast<unsigned int>((71 - __builtin_clzll(value)) >> 3);
-        *p = static_cast<unsigned char>(cmd | (n - 1));
-        // All eight bytes are stored; only the first n count.
-        const unsigned long long be = __builtin_bswap64(value << (64 - 8 * n) % 64);
+        const unsigned int top = HighestBit(value | 1) >> 3; // bytes - 1
+        *p = static_cast<unsigned char>(cmd | top);
+        // A multiplication by a power of two from a table: a shift by a variable count is
+        // several micro-operations on x86 without BMI2.
+        const unsigned long long be = __builtin_bswap64(value * kByteShift[top]);
         std::memcpy(p + 1, &be, 8);
-        return 1 + n;
+        return 2 + top;
     }
     static size_t EncodeUINT(unsigned char* p, unsigned long long value) noexcept {
         if (value < 32) {
@@ -450,21 +429,41 @@ protected:
         return EncodeCmd(p, STC_UInt, value);
     }
     static size_t EncodeINT(unsigned char* p, long long value) noexcept {
+        // The sign picks STC_SmallNegInt (STC_SmallUInt | 0x20) or STC_NegInt (STC_UInt | 8)
+        // through a mask, not a branch.
+        const unsigned long long sign = static_cast<unsigned long long>(value >> 63);
+        const unsigned long long magnitude = (static_cast<unsigned long long>(value) ^ sign) - sign;
         if (static_cast<unsigned long long>(value) + 32 < 64) {
             // -32 gives 0xE0 | 32 = 0xE0: kept so, peers depend on the exact bytes.
-            *p = static_cast<unsigned char>(value < 0 ? STC_SmallNegInt | static_cast<unsigned int>(-value)
-                                                      : STC_SmallUInt | static_cast<unsigned int>(value));
+            *p = static_cast<unsigned char>(STC_SmallUInt | (sign & (STC_SmallNegInt ^ STC_SmallUInt)) | magnitude);
             return 1;
         }
-        if (value < 0) return EncodeCmd(p, STC_NegInt, 0ull - static_cast<unsigned long long>(value));
-        return EncodeCmd(p, STC_UInt, static_cast<unsigned long long>(value));
+        return EncodeCmd(p, STC_UInt | static_cast<unsigned int>(sign & (STC_NegInt ^ STC_UInt)), magnitude);
+    }
+    /// Moves the low `k + 1` bytes of a number to the top of 64 bits.
+    static constexpr unsigned long long kByteShift[8] = {1ull << 56, 1ull << 48, 1ull << 40, 1ull << 32,
+                                                         1ull << 24, 1ull << 16, 1ull << 8,  1ull};
+    /// The index of the highest set bit of `v`, which is not 0. Without LZCNT the compiler's
+    /// bit scan (BSR) leaves its destination alone for a zero source, so the processor waits
+    /// for the register's old value: each number's size would wait for the previous one's.
+    /// Clearing the register first breaks that chain.
+    static unsigned int HighestBit(unsigned long long v) noexcept {
+#if defined(__x86_64__) && !defined(__LZCNT__) && defined(__GNUC__)
+        if (!__builtin_constant_p(v)) {
+            unsigned long long bit;
+            __asm__("xorl %k0, %k0\n\tbsrq %1, %0" : "=&r"(bit) : "r"(v) : "cc");
+            return static_cast<unsigned int>(bit);
+        }
+#endif
+        return 63u - static_cast<unsigned int>(__builtin_clzll(v));
     }
 
     // Stream-operator bodies: the fast path stays inline, the rest marks the error flag.
     CKelSocket& PutSigned(long long v) {
-        // The position is read once: stores into the buffer could alias m_count.
+        // The position is read once: stores into the buffer could alias m_count. One compare
+        // checks both the state and the room (m_writeLimit).
         const size_t pos = static_cast<size_t>(m_count);
-        if (__builtin_expect(pos <= BUFFER_SIZE - 9, 1) && __builtin_expect(m_state == ST_Send, 1)) {
+        if (__builtin_expect(pos < m_writeLimit, 1)) {
             m_count = pos + EncodeINT(&m_buffer[pos], v);
             return *this;
         }
@@ -472,7 +471,7 @@ protected:
     }
     CKelSocket& PutUnsigned(unsigned long long v) {
         const size_t pos = static_cast<size_t>(m_count);
-        if (__builtin_expect(pos <= BUFFER_SIZE - 9, 1) && __builtin_expect(m_state == ST_Send, 1)) {
+        if (__builtin_expect(pos < m_writeLimit, 1)) {
             m_count = pos + EncodeUINT(&m_buffer[pos], v);
             return *this;
         }
@@ -480,7 +479,7 @@ protected:
     }
     CKelSocket& PutString(const char* text, size_t length) {
         const size_t pos = static_cast<size_t>(m_count);
-        if (m_state == ST_Send && length < BUFFER_SIZE - 9 && pos <= BUFFER_SIZE - 9 - length) {
+        if (length < BUFFER_SIZE - 9 && pos + length < m_writeLimit) {
             if (length == 0) {
                 m_buffer[pos] = STC_EmptyString;
                 m_count = pos + 1;
@@ -512,12 +511,15 @@ protected:
 
     CSocket* m_socket = nullptr;
     unsigned int m_peerVersion = 0;
-    unsigned int m_state = ST_Detached;
+    unsigned int m_state = ST_Detached; ///< changed only through SetState
     unsigned int m_peekCmd = NO_PEEK;
     unsigned long long m_peekValue = 0;
     unsigned int m_eventsPending = 0;
     unsigned long long m_blockLeft = 0;
     unsigned long long m_count = 0;
+    /// The stream operators' fast path writes while m_count < m_writeLimit: room for a whole
+    /// number (9 bytes) in ST_Send, nothing in any other state.
+    unsigned long long m_writeLimit = 0;
     unsigned char* m_cursor; ///< next input byte (output goes to m_buffer + m_count)
     unsigned char m_buffer[BUFFER_SIZE];
 };
