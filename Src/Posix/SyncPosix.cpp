@@ -169,8 +169,11 @@ unsigned int CCriticalSection::TryEnter(CSyncGuard* guard) {
     if (m_Owner.load(std::memory_order_relaxed) == self) {
         ++m_nRecursion;
     } else {
+        // Looked at before the exchange: a caller that tries in a loop then only reads the
+        // word while it is held, and does not take its cache line away from the holder.
         int expected = 0;
-        if (!m_iState.compare_exchange_strong(expected, 1, std::memory_order_acquire, std::memory_order_relaxed))
+        if (m_iState.load(std::memory_order_relaxed) != 0 ||
+            !m_iState.compare_exchange_strong(expected, 1, std::memory_order_acquire, std::memory_order_relaxed))
             return URET_Timeout;
         m_Owner.store(self, std::memory_order_relaxed);
         m_nRecursion = 1;

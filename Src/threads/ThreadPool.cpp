@@ -6,8 +6,10 @@
 // only where a worker leaves the delete queue (Enqueue or Stop).
 //
 // Speed: the lock is held for list operations only (job records are reused, and the heap is
-// not called under it), contenders spin briefly before they sleep on it, and a worker is woken
-// after the lock is released, so the woken worker does not find the lock held by its waker.
+// not called under it), the enqueuing thread spins briefly before it sleeps on it while workers
+// sleep at once, and a worker is woken after the lock is released, so the woken worker does not
+// find the lock held by its waker. The enqueuing thread is what bounds a busy pool's
+// throughput; a worker that sleeps on the lock leaves the processor to it.
 #define KEL_SOURCE_FILE "Src/threads"
 #include <kel/Exceptions.h>
 #include <kel/Threading.h>
@@ -28,9 +30,9 @@ constexpr const char* kStopFn = "KEL::Threading::CThreadPool::Stop";
 constexpr unsigned int kMaxCancels = 100;
 /// Job records kept for reuse once their job has been taken; the rest go back to the heap.
 constexpr unsigned int kMaxSpareJobs = 1024;
-/// Attempts to take a busy pool lock before sleeping on it. The lock is held for a few list
-/// operations only, so its holder is nearly always gone before a sleep and a wake-up through
-/// the kernel would be over.
+/// Attempts of Enqueue to take a busy pool lock before sleeping on it. The lock is held for a
+/// few list operations only, so its holder is nearly always gone before a sleep and a wake-up
+/// through the kernel would be over.
 constexpr unsigned int kLockSpins = 100;
 
 inline void CpuRelax() noexcept {
@@ -46,6 +48,8 @@ class CThreadPool::CJob : public Misc::TDoubleLinkedObject<CJob> {
 public:
     /// Empty between uses, while it waits in the spare list.
     Delegates_and_Calls::CDelegate m_Job;
+    /// The next spare record while this one is spare.
+    CJob* m_pNextSpare = nullptr;
 };
 
 class CThreadPool::CPoolThread : public Misc::TDoubleLinkedObject<CPoolThread> {
@@ -94,7 +98,7 @@ void CThreadPool::CPoolThread::Run() {
         } catch (const Exceptions::CKelException&) {
             // Interrupted by Stop (with throw mode on): decided below like a time-out.
         }
-        m_Pool.LockPool(SG);
+        m_Pool.Enter(SG);
         if (!m_Job.IsValid()) {
             if (rc == 130) {
                 KEL_TRACE(KEL_MODULE_INFO_KelLib, kTrace, kRunFn, "Timeout - leave for() loop");
@@ -132,7 +136,7 @@ void CThreadPool::CPoolThread::Run() {
             m_Pool.Run(m_Job);
             KEL_TRACE(KEL_MODULE_INFO_KelLib, kTrace, kRunFn, "After m_Pool.Run()");
             m_Job.Release();
-            m_Pool.LockPool(SG);
+            m_Pool.Enter(SG);
             if (m_Pool.m_uStopReq) {
                 KEL_TRACE(KEL_MODULE_INFO_KelLib, kTrace, kRunFn, "m_Pool.m_uStopReq - leave for() loop");
                 leave = true;
@@ -223,8 +227,8 @@ CThreadPool::~CThreadPool() {
     CSyncGuard SG;
     Enter(SG);
     DropQueuedJobs();
-    while (CJob* job = m_SpareJobs.Start()) {
-        job->Detach();
+    while (CJob* job = m_pSpareJobs) {
+        m_pSpareJobs = job->m_pNextSpare;
         delete job;
     }
     m_uSpareJobs.store(0, std::memory_order_relaxed);
@@ -246,9 +250,9 @@ void CThreadPool::LockPool(CSyncGuard& SG) {
 }
 
 CThreadPool::CJob* CThreadPool::TakeSpareJob() noexcept {
-    CJob* job = m_SpareJobs.Start();
+    CJob* job = m_pSpareJobs;
     if (job) {
-        job->Detach();
+        m_pSpareJobs = job->m_pNextSpare;
         m_uSpareJobs.store(m_uSpareJobs.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
     }
     return job;
@@ -257,7 +261,8 @@ CThreadPool::CJob* CThreadPool::TakeSpareJob() noexcept {
 CThreadPool::CJob* CThreadPool::RecycleJob(CJob* job) noexcept {
     const unsigned int spare = m_uSpareJobs.load(std::memory_order_relaxed);
     if (spare >= kMaxSpareJobs) return job;
-    m_SpareJobs.Add(job);
+    job->m_pNextSpare = m_pSpareJobs;
+    m_pSpareJobs = job;
     m_uSpareJobs.store(spare + 1, std::memory_order_relaxed);
     return nullptr;
 }

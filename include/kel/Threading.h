@@ -632,7 +632,7 @@ private:
     /// Unlinks and deletes the workers that have left; called under the lock.
     void Reap();
     void DropQueuedJobs() noexcept;
-    /// Takes the pool lock, trying a short while before sleeping on it.
+    /// Takes the pool lock for Enqueue, trying a short while before sleeping on it.
     void LockPool(CSyncGuard& SG);
     /// Under the lock: a spare job record, or null when none is left.
     CJob* TakeSpareJob() noexcept;
@@ -640,7 +640,9 @@ private:
     /// for the caller to free after releasing the lock, else null.
     CJob* RecycleJob(CJob* job) noexcept;
 
-    Native_OS::CFastEvent m_Event;
+    /// On a cache line of its own, apart from the lock word (in the base): threads spinning
+    /// for the lock then do not pull the queues away from the thread that holds it.
+    alignas(64) Native_OS::CFastEvent m_Event;
     unsigned int m_uMaxThreads = 0;
     unsigned int m_uMinThreads = 0;
     /// Read by idle workers without the lock (SetIdleTime may change it at any time).
@@ -652,9 +654,10 @@ private:
     Misc::TDoubleLinkHead<CPoolThread> m_RunningQueue;
     Misc::TDoubleLinkHead<CPoolThread> m_DeleteQueue;
     Misc::TDoubleLinkHead<CJob> m_JobQueue;
-    /// Job records whose job has been taken, kept for reuse (changed under the lock; read
-    /// without it only as a hint).
-    Misc::TDoubleLinkHead<CJob> m_SpareJobs;
+    /// Job records whose job has been taken, kept for reuse: a stack through CJob's own
+    /// pointer, so that pushing and popping touch no other record (changed under the lock;
+    /// the count is read without it only as a hint).
+    CJob* m_pSpareJobs = nullptr;
     std::atomic<unsigned int> m_uSpareJobs{0};
 };
 
