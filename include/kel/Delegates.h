@@ -15,6 +15,8 @@
 
 #include <kel/Exceptions.h>
 
+#include <cstddef>
+#include <new>
 #include <type_traits>
 #include <utility>
 
@@ -127,6 +129,19 @@ public:
         virtual void HandedOver() {}
         /// The error of the last run (empty after a normal run).
         Exceptions::CErrorLog m_ErrorLog;
+
+        /// Blocks of up to 256 bytes come from a per-thread cache that hands blocks between
+        /// threads in batches: a pool job's block is usually made on one thread and freed on
+        /// another, which the general heap serves slowly.
+        static void* operator new(std::size_t size);
+        static void operator delete(void* block, std::size_t size) noexcept;
+        /// Over-aligned blocks go to the global heap.
+        static void* operator new(std::size_t size, std::align_val_t alignment) {
+            return ::operator new(size, alignment);
+        }
+        static void operator delete(void* block, std::size_t, std::align_val_t alignment) noexcept {
+            ::operator delete(block, alignment);
+        }
     };
 
     CDelegate() noexcept = default;
