@@ -9,6 +9,8 @@
 
 #include "KEL_Json/RapidJson.h"
 
+#include <limits>
+
 namespace KEL {
 namespace Json {
 
@@ -17,7 +19,10 @@ namespace {
 constexpr unsigned int kTraceBit = 0x40000000u;
 constexpr unsigned kMaxDepth = 512;
 
-// Forwards every event to the document; refuses a level of nesting past kMaxDepth.
+// Forwards every event to the document; refuses a level of nesting past kMaxDepth, and a
+// number that does not fit a double. RapidJSON 1.1.0 refuses an exponent above 308 but lets
+// a long mantissa with a smaller one (411111111111172699649671e+296) overflow to infinity,
+// which no JSON text can hold: such a document could not be written back.
 class CDepthGuard {
 public:
     using Ch = char;
@@ -28,7 +33,13 @@ public:
     bool Uint(unsigned u) { return m_Doc.Uint(u); }
     bool Int64(int64_t i) { return m_Doc.Int64(i); }
     bool Uint64(uint64_t u) { return m_Doc.Uint64(u); }
-    bool Double(double d) { return m_Doc.Double(d); }
+    bool Double(double d) {
+        if (d > std::numeric_limits<double>::max() || d < -std::numeric_limits<double>::max()) {
+            m_bTooBig = true;
+            return false;
+        }
+        return m_Doc.Double(d);
+    }
     bool RawNumber(const Ch* s, rapidjson::SizeType n, bool copy) { return m_Doc.RawNumber(s, n, copy); }
     bool String(const Ch* s, rapidjson::SizeType n, bool copy) { return m_Doc.String(s, n, copy); }
     bool Key(const Ch* s, rapidjson::SizeType n, bool copy) { return m_Doc.Key(s, n, copy); }
@@ -43,9 +54,12 @@ public:
         return m_Doc.EndArray(n);
     }
 
+    bool NumberTooBig() const noexcept { return m_bTooBig; }
+
 private:
     document& m_Doc;
     unsigned m_uDepth = 0;
+    bool m_bTooBig = false;
 };
 
 // Document::Populate hands the document (as handler) to this generator and keeps the root
@@ -58,6 +72,7 @@ public:
         CDepthGuard guard(doc);
         rapidjson::Reader reader;
         m_Result = reader.Parse<rapidjson::kParseDefaultFlags>(in, guard);
+        if (guard.NumberTooBig()) m_Result.Set(rapidjson::kParseErrorNumberTooBig, m_Result.Offset());
         return !m_Result.IsError();
     }
     const rapidjson::ParseResult& Result() const noexcept { return m_Result; }
@@ -133,7 +148,10 @@ TJsonObject TJsonObject::findMember(const char* name, TDataType::E type, TJsonOb
 std::string JSONToString(const document& doc) {
     rapidjson::StringBuffer buffer;
     rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-    doc.Accept(writer);
+    // The writer stops at a NaN or an infinity (a caller may have set one through the value);
+    // half a document must not pass for the whole.
+    if (!doc.Accept(writer))
+        Fail("KEL::Json::JSONToString", "ERROR: JSON document not written:%s", "a number is NaN or infinite");
     return std::string(buffer.GetString(), buffer.GetSize());
 }
 

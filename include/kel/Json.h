@@ -92,7 +92,9 @@ private:
     value* m_pValue;
 };
 
-/// The document as compact JSON text (no blanks between tokens).
+/// The document as compact JSON text (no blanks between tokens). A document holding a NaN or
+/// an infinite number, which JSON cannot express, throws TJsonException ("JSON document not
+/// written:a number is NaN or infinite").
 KEL_API std::string JSONToString(const document& doc);
 
 /// RapidJSON's English text for a parse error code: codes 1-17, else "Unknown error.".

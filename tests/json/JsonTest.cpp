@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -94,6 +95,13 @@ TEST(JsonParse, EveryErrorCodeHasItsEnglishMessage) {
     // Encoding is not validated with the default flags; the text exists all the same.
     EXPECT_STREQ(KEL::Json::GetParseErrorText(12), "Invalid encoding in string.");
     EXPECT_EQ(ParseError("[1e999]"), "JSON Parse doc error:Number too big to be stored in double.");
+    // A long mantissa overflows below the exponent limit; found by fuzzing, RapidJSON 1.1.0
+    // alone turns it into infinity. The largest double still parses.
+    EXPECT_EQ(ParseError("[1e5, 411111111111172699649671e+296]"),
+              "JSON Parse doc error:Number too big to be stored in double.");
+    EXPECT_EQ(ParseError("{\"a\":-99999999999999999999e+300}"),
+              "JSON Parse doc error:Number too big to be stored in double.");
+    EXPECT_EQ(ParseError("[1.7976931348623157e308, -1.7976931348623157e308]"), "(parsed)");
     EXPECT_EQ(ParseError("[1.]"), "JSON Parse doc error:Miss fraction part in number.");
     EXPECT_EQ(ParseError("[1e]"), "JSON Parse doc error:Miss exponent in number.");
     EXPECT_STREQ(KEL::Json::GetParseErrorText(16), "Terminate parsing due to Handler error.");
@@ -211,6 +219,20 @@ TEST(JsonText, WritesCompactTextThatParsesBackTheSame) {
     std::string out = KEL::Json::JSONToString(*root.jsonDoc_Get());
     EXPECT_EQ(out, "{\"a\":[1,2.5,\"x\\n\",null,true],\"b\":{}}");
     EXPECT_EQ(KEL::Json::JSONToString(*TJsonObject::constructFromParse(out.c_str()).jsonDoc_Get()), out);
+}
+
+TEST_F(JsonTrace, ANumberJsonCannotExpressIsNotWrittenAsHalfADocument) {
+    TJsonObject root = TJsonObject::constructFromParse("[1, 2.5, 3]");
+    (*root.jsonValue_Get())[1].SetDouble(std::numeric_limits<double>::infinity());
+    try {
+        KEL::Json::JSONToString(*root.jsonDoc_Get());
+        ADD_FAILURE() << "an infinite number was written";
+    } catch (const TJsonException& e) {
+        EXPECT_STREQ(e.what(), "JSON document not written:a number is NaN or infinite");
+    }
+    EXPECT_EQ(OnlyEntryText(), "ERROR: JSON document not written:a number is NaN or infinite");
+    (*root.jsonValue_Get())[1].SetDouble(std::numeric_limits<double>::quiet_NaN());
+    EXPECT_THROW(KEL::Json::JSONToString(*root.jsonDoc_Get()), TJsonException);
 }
 
 // The public JSONTestSuite files: y_* must parse, n_* must be refused, i_* must not crash.
