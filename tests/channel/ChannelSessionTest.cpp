@@ -188,7 +188,7 @@ TEST_F(RawClientTest, FileCutShortByAnotherCommandIsBytesMissing) {
     m_Server >> one;
     FILE* f = std::tmpfile();
     ASSERT_NE(f, nullptr);
-    EXPECT_EQ(Raised([&] { m_Server >> f; }), 0x2001002Fu);
+    EXPECT_EQ(RaisedCode([&] { m_Server >> f; }), 0x2001002Fu);
     EXPECT_EQ(LastMessage(), "904 Bytes missing");
     EXPECT_EQ(std::ftell(f), 4096);
     std::fclose(f);
@@ -248,7 +248,7 @@ TEST_F(RawServerTest, AbortDetachesAtOnceAndADetachedChannelHasNoWaitHandle) {
     EXPECT_EQ(m_Client.GetState(), CKelSocket::ST_Detached);
     EXPECT_EQ(m_Pair.socket.GetNativeHandle(), CSocket::kNoHandle);
     EXPECT_TRUE(m_Pair.RecvToEnd().empty()); // the unsent request never left
-    EXPECT_EQ(Raised([&] { (void)static_cast<KEL::Threading::CWaitHandle>(m_Client); }), 0x2001001Eu);
+    EXPECT_EQ(RaisedCode([&] { (void)static_cast<KEL::Threading::CWaitHandle>(m_Client); }), 0x2001001Eu);
     CKelSocketServer idle;
     EXPECT_EQ(idle.Close(), 0x2001001Eu);
 }

@@ -93,7 +93,7 @@ TEST_P(IntegerRange, ReadersCheckTheTypesLimits) {
     ASSERT_EQ(m_Client.StartRequest(1), 1u);
     ASSERT_EQ(m_Client.WaitForAck(ack), 1u);
     long long got = 0;
-    const unsigned int code = Raised([&] { got = ReadAs(m_Client, p.width, p.isSigned); });
+    const unsigned int code = RaisedCode([&] { got = ReadAs(m_Client, p.width, p.isSigned); });
     if (p.fits) {
         EXPECT_EQ(code, 0u);
         EXPECT_EQ(got, p.expected);
@@ -141,7 +141,7 @@ TEST(ChannelReader, BytesThatAreNoCommandAreRejected) {
         ASSERT_EQ(client.StartRequest(1), 1u);
         ASSERT_EQ(client.WaitForAck(ack), 1u);
         int v = 0;
-        EXPECT_EQ(Raised([&] { client >> v; }), 0x20010026u) << std::hex << b;
+        EXPECT_EQ(RaisedCode([&] { client >> v; }), 0x20010026u) << std::hex << b;
         char expected[64];
         std::snprintf(expected, sizeof expected, "CKelSocket, Cmd=x%08X, Line=", b);
         EXPECT_EQ(LastMessage().rfind(expected, 0), 0u) << LastMessage();
@@ -177,12 +177,12 @@ TEST_F(RawServerTest, OutOfSyncPutsTheCommandBackForTheRightReader) {
     unsigned int ack = 0;
     ASSERT_EQ(m_Client.WaitForAck(ack), 1u);
     int v = 0;
-    EXPECT_EQ(Raised([&] { m_Client >> v; }), 0x20010028u);
+    EXPECT_EQ(RaisedCode([&] { m_Client >> v; }), 0x20010028u);
     EXPECT_EQ(LastMessage(), "Integer-STC expected, 152 received");
     EXPECT_EQ(m_Client.GetState(), CKelSocket::ST_Read | CKelSocket::ST_Error);
     // Flagged: nothing reads until Skip; this Skip stops at the end of the answer.
     std::string s;
-    EXPECT_EQ(Raised([&] { m_Client >> s; }), 0x2001002Au);
+    EXPECT_EQ(RaisedCode([&] { m_Client >> s; }), 0x2001002Au);
     EXPECT_EQ(m_Client.Skip(), 1u);
     EXPECT_EQ(m_Client.EndRequest(), 1u);
 }
@@ -257,10 +257,10 @@ TEST(ChannelReader, PeerClosingInsideAFrameIsDataMissing) {
         unsigned int code = 0;
         if (cut[0] == 0xB3) {
             int v;
-            code = Raised([&] { client >> v; });
+            code = RaisedCode([&] { client >> v; });
         } else if (cut[0] == 0x98) {
             std::string s;
-            code = Raised([&] { client >> s; });
+            code = RaisedCode([&] { client >> s; });
         } else if (cut[0] == 0x78) {
             unsigned char buf[16];
             size_t got = 0;
@@ -268,7 +268,7 @@ TEST(ChannelReader, PeerClosingInsideAFrameIsDataMissing) {
         } else {
             FILE* f = std::tmpfile();
             ASSERT_NE(f, nullptr);
-            code = Raised([&] { client >> f; });
+            code = RaisedCode([&] { client >> f; });
             std::fclose(f);
         }
         EXPECT_EQ(code, 0x2001002Fu) << std::hex << cut[0];
@@ -285,10 +285,10 @@ TEST(ChannelReader, PeerClosingInsideAFrameIsDataMissing) {
 
 TEST_F(RawServerTest, WritersAndReadersCheckTheStateAndTheFlag) {
     int v = 0;
-    EXPECT_EQ(Raised([&] { m_Client << 1; }), 0x20010027u);
+    EXPECT_EQ(RaisedCode([&] { m_Client << 1; }), 0x20010027u);
     EXPECT_EQ(LastMessage(), "Current=1, expected=ST_Send");
     EXPECT_EQ(m_Client.GetState(), CKelSocket::ST_Idle | CKelSocket::ST_Error);
-    EXPECT_EQ(Raised([&] { m_Client >> v; }), 0x2001002Au);
+    EXPECT_EQ(RaisedCode([&] { m_Client >> v; }), 0x2001002Au);
     EXPECT_EQ(m_Client.StartRequest(1), 0x2001002Au);
     EXPECT_EQ(m_Client.GetState(), 129u);
     // Skip clears the flag, but an idle client has nothing to skip: flagged again.

@@ -11,7 +11,7 @@
 #include "EchoChannel.h"
 #include "FaultProxy.h"
 
-#include "../threads/ThreadTestUtil.h"
+#include "../common/TestUtil.h"
 
 #include <kel/Exceptions.h>
 #include <kel/Sockets.h>

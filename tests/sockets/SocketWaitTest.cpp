@@ -2,7 +2,7 @@
 //
 // The wait for a single socket (no wait list): ready input, the zero and short time-outs, the
 // peer's close, and interrupts that arrive while the thread is not waiting or are disabled.
-#include "../threads/ThreadTestUtil.h"
+#include "../common/TestUtil.h"
 
 #include <kel/Exceptions.h>
 #include <kel/Sockets.h>

@@ -3,7 +3,7 @@
 // keep-alives, and the goodbye that ends in the peers' TLS close.
 #include "SslTestUtil.h"
 
-#include "../threads/ThreadTestUtil.h"
+#include "../common/TestUtil.h"
 
 #include <thread>
 #include <vector>

@@ -5,7 +5,7 @@
 #include "ChildProcess.h"
 #include "SslTestUtil.h"
 
-#include "../threads/ThreadTestUtil.h"
+#include "../common/TestUtil.h"
 
 #include <atomic>
 #include <cstring>

@@ -1,7 +1,8 @@
-// kelbase - tests/threads/ThreadTestUtil.h
+// kelbase - tests/common/TestUtil.h
 //
-// Helpers of the threading tests: lambdas as counted delegates, a status-code catcher and a
-// bounded spin for conditions another thread makes true.
+// Helpers shared by the test programs: lambdas as counted delegates, a status-code catcher and
+// a bounded spin for conditions another thread makes true. A folder with no .cpp of its own, so
+// it never becomes a test program.
 #pragma once
 
 #include <kel/Delegates.h>
@@ -15,6 +16,7 @@
 #include <functional>
 #include <thread>
 #include <utility>
+#include <vector>
 
 namespace kel_test {
 
@@ -67,6 +69,22 @@ bool Eventually(C&& cond, int seconds = 20) {
         std::this_thread::sleep_for(std::chrono::microseconds(200));
     }
     return true;
+}
+
+/// What `body` returns when run on a thread of its own, for checks that need another owner.
+template <class F>
+auto OnOtherThread(F&& body) -> decltype(body()) {
+    decltype(body()) result{};
+    std::thread([&] { result = body(); }).join();
+    return result;
+}
+
+/// Runs `body` on `n` threads at once and joins them.
+template <class F>
+void OnThreads(int n, const F& body) {
+    std::vector<std::thread> threads;
+    for (int t = 0; t < n; ++t) threads.emplace_back(body);
+    for (auto& t : threads) t.join();
 }
 
 constexpr unsigned int kHangGuardMs = 20000;
