@@ -7,6 +7,7 @@
 
 #include <kel/Delegates.h>
 #include <kel/Exceptions.h>
+#include <kel/Sockets.h>
 #include <kel/Threading.h>
 
 #include <gtest/gtest.h>
@@ -88,5 +89,26 @@ void OnThreads(int n, const F& body) {
 }
 
 constexpr unsigned int kHangGuardMs = 20000;
+
+/// A loopback listener with a connected client of type `S` and its accepted server side, both
+/// with the hang guard as their time-out.
+template <class S>
+class TLoopbackPair : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(m_Listener.StartListen(0, 0), 1u);
+        m_nPort = m_Listener.GetLocalAddr().GetPort();
+        m_Client.SetTimeout(kHangGuardMs);
+        ASSERT_EQ(m_Client.ConnectLocal(m_nPort), 1u);
+        ASSERT_EQ(m_Listener.Wait(kHangGuardMs), 1u);
+        ASSERT_EQ(m_Listener.Accept(m_Server), 1u);
+        m_Server.SetTimeout(kHangGuardMs);
+    }
+
+    KEL::Sockets::CSocketListener m_Listener;
+    S m_Client;
+    S m_Server;
+    unsigned int m_nPort = 0;
+};
 
 } // namespace kel_test

@@ -24,19 +24,7 @@ using kel_test::RaisedCode;
 
 namespace {
 
-class SingleSocketWait : public ::testing::Test {
-protected:
-    void SetUp() override {
-        m_Listener.StartListen(0, 0);
-        m_Client.ConnectLocal(m_Listener.GetLocalAddr().GetPort());
-        ASSERT_EQ(m_Listener.Wait(kHangGuardMs), 1u);
-        ASSERT_EQ(m_Listener.Accept(m_Server), 1u);
-    }
-
-    CSocketListener m_Listener;
-    CSocket m_Client;
-    CSocket m_Server;
-};
+using SingleSocketWait = kel_test::TLoopbackPair<CSocket>;
 
 TEST_F(SingleSocketWait, ReadyInputEndsEvenAZeroTimeoutUntilItIsRead) {
     EXPECT_EQ(m_Client.Wait(0), KEL::URET_Timeout);

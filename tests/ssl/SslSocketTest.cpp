@@ -53,17 +53,8 @@ CSslContext ClientContext(int maxVersion = 0) {
 }
 
 // A loopback listener with one connected and one accepted CSslSocket, not yet secure.
-class TlsPair : public ::testing::Test {
+class TlsPair : public kel_test::TLoopbackPair<CSslSocket> {
 protected:
-    void SetUp() override {
-        m_Listener.StartListen(0, 0);
-        m_nPort = m_Listener.GetLocalAddr().GetPort();
-        m_Client.SetTimeout(kHangGuardMs);
-        m_Client.ConnectLocal(m_nPort);
-        ASSERT_EQ(m_Listener.Wait(kHangGuardMs), 1u);
-        ASSERT_EQ(m_Listener.Accept(m_Server), 1u);
-        m_Server.SetTimeout(kHangGuardMs);
-    }
     // Both handshakes, the server's on a thread; the status each raised (0: none).
     void Secure(CSslContext& clientCtx, CSslContext& serverCtx, CSslSession* session = nullptr) {
         std::thread server([&] { m_uServerCode = RaisedCode([&] { m_Server.MakeSecure(serverCtx); }); });
@@ -82,9 +73,6 @@ protected:
         ASSERT_EQ(m_uServerCode, 0u);
     }
 
-    CSocketListener m_Listener;
-    CSslSocket m_Client, m_Server;
-    unsigned int m_nPort = 0;
     unsigned int m_uClientCode = 0, m_uServerCode = 0;
 };
 
