@@ -102,6 +102,14 @@ protected:
         ASSERT_EQ(m_Client.Attach(m_Pair.socket, kAppId), 1u);
         ASSERT_EQ(m_Pair.Recv(7), Cat(IdBytes(kAppId), {0xA9, 0x01, 0x00}));
     }
+    /// The client starts request 1, which the raw `answer` acknowledges; the acknowledge.
+    unsigned int Acknowledged(const Bytes& answer) {
+        m_Pair.Send(answer);
+        unsigned int ack = 0;
+        EXPECT_EQ(m_Client.StartRequest(1), 1u);
+        EXPECT_EQ(m_Client.WaitForAck(ack), 1u);
+        return ack;
+    }
     /// Sends a request through the client with `params`, answered by the raw `answer`
     /// (written first, so one thread does both sides); returns the request's bytes.
     template <class Params>
