@@ -30,6 +30,19 @@ struct Gate {
     }
 };
 
+// Jobs that block on one gate, counting how many started and how many finished.
+struct GatedJobs {
+    Gate gate;
+    std::atomic<int> started{0}, done{0};
+    CDelegate Job() {
+        return MakeDelegate([this] {
+            ++started;
+            gate.Pass();
+            ++done;
+        });
+    }
+};
+
 } // namespace
 
 TEST(ThreadPoolLifecycle, RefusesWorkBeforeInit) {
@@ -69,23 +82,17 @@ TEST(ThreadPoolLifecycle, StopWithoutWorkersKeepsThePoolOpen) {
 TEST(ThreadPoolGrowth, HoldsOneWorkerMoreThanTheMaximumThenQueues) {
     CThreadPool pool;
     ASSERT_EQ(pool.Init(0, 1, 60000), 1u);
-    Gate gate;
-    std::atomic<int> started{0}, done{0};
-    auto job = [&] {
-        ++started;
-        gate.Pass();
-        ++done;
-    };
-    pool.Enqueue(MakeDelegate(job));
-    pool.Enqueue(MakeDelegate(job));
-    ASSERT_TRUE(Eventually([&] { return started == 2; }));
+    GatedJobs jobs;
+    pool.Enqueue(jobs.Job());
+    pool.Enqueue(jobs.Job());
+    ASSERT_TRUE(Eventually([&] { return jobs.started == 2; }));
     EXPECT_EQ(pool.GetThreadCount(), 2u);
-    pool.Enqueue(MakeDelegate(job));
+    pool.Enqueue(jobs.Job());
     EXPECT_EQ(pool.GetThreadCount(), 2u);
     EXPECT_EQ(pool.GetQueuedJobCount(), 1u);
-    EXPECT_EQ(started.load(), 2);
-    gate.open = true;
-    ASSERT_TRUE(Eventually([&] { return done == 3; }));
+    EXPECT_EQ(jobs.started.load(), 2);
+    jobs.gate.open = true;
+    ASSERT_TRUE(Eventually([&] { return jobs.done == 3; }));
     EXPECT_EQ(pool.GetQueuedJobCount(), 0u);
     EXPECT_EQ(pool.Stop(), 1u);
 }
@@ -122,18 +129,12 @@ TEST(ThreadPoolIdle, MinimumDecidesWhetherAFinishedWorkerStaysIdle) {
     for (unsigned int minThreads : {0u, 1u}) {
         CThreadPool pool;
         ASSERT_EQ(pool.Init(minThreads, 0, 60000), 1u);
-        Gate gate;
-        std::atomic<int> started{0}, done{0};
-        auto job = [&] {
-            ++started;
-            gate.Pass();
-            ++done;
-        };
-        pool.Enqueue(MakeDelegate(job));
-        pool.Enqueue(MakeDelegate(job));
-        ASSERT_TRUE(Eventually([&] { return started == 2; }));
-        gate.open = true;
-        ASSERT_TRUE(Eventually([&] { return done == 2; }));
+        GatedJobs jobs;
+        pool.Enqueue(jobs.Job());
+        pool.Enqueue(jobs.Job());
+        ASSERT_TRUE(Eventually([&] { return jobs.started == 2; }));
+        jobs.gate.open = true;
+        ASSERT_TRUE(Eventually([&] { return jobs.done == 2; }));
         // min 0: the second finisher sees one idle worker (1 > 0) and leaves; min 1 keeps both.
         unsigned int expectIdle = minThreads + 1;
         ASSERT_TRUE(Eventually([&] { return pool.GetIdleCount() == expectIdle; })) << "min " << minThreads;
@@ -166,23 +167,17 @@ TEST(ThreadPoolJobs, FailingJobIsLoggedInItsDelegateAndTheWorkerGoesOn) {
 TEST(ThreadPoolStop, CancelsIdleWorkersAndWaitsForRunningOnes) {
     CThreadPool pool;
     ASSERT_EQ(pool.Init(3, 0, 600000), 1u);
-    Gate gate;
-    std::atomic<int> started{0}, done{0};
-    for (int i = 0; i < 3; ++i)
-        pool.Enqueue(MakeDelegate([&] {
-            ++started;
-            gate.Pass();
-            ++done;
-        }));
-    ASSERT_TRUE(Eventually([&] { return started == 3; }));
-    gate.open = true;
+    GatedJobs jobs;
+    for (int i = 0; i < 3; ++i) pool.Enqueue(jobs.Job());
+    ASSERT_TRUE(Eventually([&] { return jobs.started == 3; }));
+    jobs.gate.open = true;
     ASSERT_TRUE(Eventually([&] { return pool.GetIdleCount() == 3; }));
     Gate slow;
     std::atomic<bool> slowStarted{false};
     pool.Enqueue(MakeDelegate([&] {
         slowStarted = true;
         slow.Pass();
-        ++done;
+        ++jobs.done;
     }));
     ASSERT_TRUE(Eventually([&] { return slowStarted.load(); }));
     std::thread opener([&] {
@@ -191,7 +186,7 @@ TEST(ThreadPoolStop, CancelsIdleWorkersAndWaitsForRunningOnes) {
     });
     EXPECT_EQ(pool.Stop(), 1u);
     opener.join();
-    EXPECT_EQ(done.load(), 4);
+    EXPECT_EQ(jobs.done.load(), 4);
     EXPECT_EQ(pool.GetThreadCount(), 0u);
     EXPECT_EQ(pool.GetIdleCount(), 0u);
 }
