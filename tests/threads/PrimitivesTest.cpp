@@ -7,9 +7,9 @@
 #include <kel/Misc.h>
 #include <kel/Threading.h>
 
+#include "../common/TraceCapture.h"
 #include "KelKrnl/Hooks.h"
 
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -203,37 +203,16 @@ TEST(FastMutex, CountsStayExactUnderContention) {
     EXPECT_EQ(counter, 60000);
 }
 
-namespace {
-std::mutex g_TraceMutex;
-std::vector<std::string> g_Trace;
-void CollectTrace(const KEL::Strings::CStringRef& entry) {
-    std::lock_guard<std::mutex> hold(g_TraceMutex);
-    g_Trace.emplace_back(entry.C_Str());
-}
-bool TraceHas(const std::string& text) {
-    std::lock_guard<std::mutex> hold(g_TraceMutex);
-    for (const auto& e : g_Trace)
-        if (e.find(text) != std::string::npos) return true;
-    return false;
-}
-} // namespace
-
 TEST(FastEvent, TracesItsStepsUnderBit0x20) {
-    auto old = KEL::Internals::g_pfnTraceWrite.exchange(&CollectTrace);
-    const unsigned int mask = KEL::KEL_MODULE_INFO_KelLib.GetTrcPoints();
-    KEL::KEL_MODULE_INFO_KelLib.SetTrcPoints(mask | 0x20);
+    kel_test::CTraceCapture trace(0x20, true);
     {
         CFastEvent e;
         e.Init(1);
         e.Set();
         EXPECT_EQ(e.Wait(0), 1u);
     }
-    KEL::KEL_MODULE_INFO_KelLib.SetTrcPoints(mask);
-    KEL::Internals::g_pfnTraceWrite.store(old);
-    EXPECT_TRUE(TraceHas("After CreateEvent handle=(x"));
-    EXPECT_TRUE(TraceHas("Before Tcb->Wait(x"));
-    EXPECT_TRUE(TraceHas(", x0)=1"));
-    EXPECT_TRUE(TraceHas("Before CloseHandle(x"));
+    for (const char* step : {"After CreateEvent handle=(x", "Before Tcb->Wait(x", ", x0)=1", "Before CloseHandle(x"})
+        EXPECT_GT(trace.Count(step), 0u) << step;
 }
 
 TEST(FastEvent, UseBeforeInitAndAutoResetConsumption) {
