@@ -22,28 +22,11 @@ using kel_test::CTempFile;
 using kel_test::CTraceCapture;
 using kel_test::ErrorLogText;
 using kel_test::kHangGuardMs;
+using kel_test::Pem;
 using kel_test::RaisedCode;
+using kel_test::ServerContext;
 
 namespace {
-
-std::string Pem(const CSslCertificate& c) {
-    Strings::CStringVar text;
-    c.Write(text);
-    return text.str();
-}
-
-std::string Pem(const CSslKey& k) {
-    Strings::CStringVar text;
-    k.Write(text);
-    return text.str();
-}
-
-CSslContext ServerContext(Sockets::SSL_METHOD method = SSLM_Default) {
-    CIdentities& ids = CIdentities::Get();
-    CSslContext ctx;
-    EXPECT_EQ(1u, ctx.MakeContext(method, SSLV_None, "", {}, ids.serverKey, ids.server, ids.interm)) << ErrorLogText();
-    return ctx;
-}
 
 CSslContext ClientContext(int maxVersion = 0) {
     CSslContext ctx;

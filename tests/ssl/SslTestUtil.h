@@ -188,4 +188,24 @@ private:
     }
 };
 
+/// A certificate or key as PEM text.
+template <class T>
+std::string Pem(const T& item) {
+    KEL::Strings::CStringVar text;
+    EXPECT_EQ(1u, item.Write(text));
+    return text.str();
+}
+
+/// A server context with the shared test identity (leaf and intermediate).
+inline KEL::Sockets::CSslContext ServerContext(KEL::Sockets::SSL_METHOD method = KEL::Sockets::SSLM_Default,
+                                               const std::string& ciphers = std::string(),
+                                               const std::vector<std::string>& keys = {}) {
+    CIdentities& ids = CIdentities::Get();
+    KEL::Sockets::CSslContext ctx;
+    EXPECT_EQ(1u, ctx.MakeContext(method, KEL::Sockets::SSLV_None, ciphers, keys, ids.serverKey, ids.server,
+                                  ids.interm))
+        << ErrorLogText();
+    return ctx;
+}
+
 } // namespace kel_test
