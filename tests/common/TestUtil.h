@@ -90,6 +90,13 @@ void OnThreads(int n, const F& body) {
 
 constexpr unsigned int kHangGuardMs = 20000;
 
+/// A port on which nothing listens: free a moment ago (the system picks it) and closed again.
+inline unsigned int FreePort() {
+    KEL::Sockets::CSocketListener probe;
+    probe.StartListen(0, 0);
+    return probe.GetLocalAddr().GetPort();
+}
+
 /// A loopback listener with a connected client of type `S` and its accepted server side, both
 /// with the hang guard as their time-out.
 template <class S>

@@ -5,6 +5,7 @@
 #include <kel/kelbase.h>
 
 #include "Slapd.h"
+#include "../common/TestUtil.h"
 #include "../common/TraceCapture.h"
 
 #include <gtest/gtest.h>
@@ -197,9 +198,9 @@ TEST_F(LdapDirectory, NameWithoutPasswordIsRefusedWhileAnonymousBindWorks) {
 TEST_F(LdapDirectory, ServerDownAndUnconfiguredServerFail) {
     kel_test::CTraceCapture trace(0x60000000u, true);
     auto s = Server();
-    s->SetPortNumber(KelTest::FreePort());
+    s->SetPortNumber(kel_test::FreePort());
     s->SetNonSecure(true);
-    s->SetPortNumberNonSecure(KelTest::FreePort());
+    s->SetPortNumberNonSecure(kel_test::FreePort());
     EXPECT_EQ(s->TestConnection(), 135u);
     EXPECT_TRUE(trace.Has("Open connection failed"));
     EXPECT_FALSE(trace.Has("Connection established"));
@@ -213,7 +214,7 @@ TEST_F(LdapDirectory, ServerDownAndUnconfiguredServerFail) {
 TEST_F(LdapDirectory, ClosedTlsPortWithoutNonSecureNeverTriesThePlainPort) {
     CSilentListener plain;
     auto s = Server();
-    s->SetPortNumber(KelTest::FreePort());
+    s->SetPortNumber(kel_test::FreePort());
     s->SetPortNumberNonSecure(plain.Port());
     EXPECT_FALSE(s->Connect());
     EXPECT_FALSE(plain.WasContacted());
@@ -222,7 +223,7 @@ TEST_F(LdapDirectory, ClosedTlsPortWithoutNonSecureNeverTriesThePlainPort) {
 TEST_F(LdapDirectory, ClosedTlsPortWithNonSecureFallsBackToPlain) {
     kel_test::CTraceCapture trace(0x60000000u, true);
     auto s = Server();
-    s->SetPortNumber(KelTest::FreePort());
+    s->SetPortNumber(kel_test::FreePort());
     s->SetNonSecure(true);
     EXPECT_TRUE(s->Connect());
     EXPECT_TRUE(trace.Has("Open connection 127.0.0.1:" + std::to_string(s_pSlapd->PlainPort())));
@@ -246,7 +247,7 @@ TEST_F(LdapDirectory, SilentServerEndsConnectAfterTheTimeOut) {
     EXPECT_FALSE(WithinAMinute([&] { return s->Connect(); }));
     EXPECT_TRUE(silent.WasContacted());
 
-    s->SetPortNumber(KelTest::FreePort());
+    s->SetPortNumber(kel_test::FreePort());
     s->SetNonSecure(true);
     s->SetPortNumberNonSecure(silent.Port()); // plain: the bind is never answered
     EXPECT_FALSE(WithinAMinute([&] { return s->Connect(); }));
@@ -257,7 +258,7 @@ TEST_F(LdapDirectory, SearchThatIsNeverAnsweredEndsAfterTheTimeOutAndDropsTheCon
     CBindOnlyServer server;
     auto s = Server();
     s->SetTimeout(300);
-    s->SetPortNumber(KelTest::FreePort());
+    s->SetPortNumber(kel_test::FreePort());
     s->SetNonSecure(true);
     s->SetPortNumberNonSecure(server.Port());
     ASSERT_TRUE(s->Connect());

@@ -4,6 +4,8 @@
 // Debian's (packages slapd, ldap-utils); KEL_SLAPD and KEL_LDAP_SCHEMA_DIR override them.
 #include "Slapd.h"
 
+#include "../common/TestUtil.h"
+
 #include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
@@ -271,21 +273,6 @@ bool CanConnect(unsigned int port) {
 
 } // namespace
 
-unsigned int FreePort() {
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return 0;
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    unsigned int port = 0;
-    if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
-        getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0)
-        port = ntohs(a.sin_port);
-    close(fd);
-    return port;
-}
-
 bool CSlapd::Run(const std::string& program, const char* const argv[], const std::string& log, bool wait,
                  int& status, std::string& why) {
     // fork and exec rather than posix_spawn: the child asks to be killed when the test program
@@ -343,8 +330,8 @@ bool CSlapd::Launch(std::string& why) {
         why = slapd + " cannot be run (package slapd): " + std::strerror(errno);
         return false;
     }
-    m_uPlainPort = FreePort();
-    m_uTlsPort = FreePort();
+    m_uPlainPort = kel_test::FreePort();
+    m_uTlsPort = kel_test::FreePort();
     if (m_uPlainPort == 0 || m_uTlsPort == 0 || m_uPlainPort == m_uTlsPort) {
         why = "no free loopback ports";
         return false;
