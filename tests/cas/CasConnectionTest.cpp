@@ -5,7 +5,7 @@
 #include "../ssl/ChildProcess.h"
 #include "../ssl/SslTestUtil.h"
 
-#include "../threads/ThreadTestUtil.h"
+#include "../common/TestUtil.h"
 
 #include "LDAP/CasAnswer.h"
 

@@ -15,21 +15,12 @@ using KEL::Sockets::CKelSocket;
 using KEL::Sockets::CKelSocketClient;
 using KEL::Sockets::CKelSocketServer;
 using KEL::Sockets::CSocket;
-using KEL::Sockets::CSocketListener;
 
 namespace {
 
 // A connected loopback pair; the server end runs `serve` on a thread of its own.
-class LoopbackTest : public ::testing::Test {
+class LoopbackTest : public kel_test::TLoopbackPair<CSocket> {
 protected:
-    void SetUp() override {
-        ASSERT_EQ(m_Listener.StartListen(0, 0), 1u);
-        m_Client.SetTimeout(kHangGuardMs);
-        ASSERT_EQ(m_Client.ConnectLocal(m_Listener.GetLocalAddr().GetPort()), 1u);
-        ASSERT_EQ(m_Listener.Wait(kHangGuardMs), 1u);
-        ASSERT_EQ(m_Listener.Accept(m_Server), 1u);
-        m_Server.SetTimeout(kHangGuardMs);
-    }
     void TearDown() override {
         if (m_Thread.joinable()) m_Thread.join();
     }
@@ -41,9 +32,6 @@ protected:
     }
     void Join() { m_Thread.join(); }
 
-    CSocketListener m_Listener;
-    CSocket m_Client;
-    CSocket m_Server;
     CKelSocketServer m_Channel;
     std::thread m_Thread;
     unsigned int m_uServerAttach = 0;
@@ -188,7 +176,7 @@ TEST_F(RawClientTest, FileCutShortByAnotherCommandIsBytesMissing) {
     m_Server >> one;
     FILE* f = std::tmpfile();
     ASSERT_NE(f, nullptr);
-    EXPECT_EQ(Raised([&] { m_Server >> f; }), 0x2001002Fu);
+    EXPECT_EQ(RaisedCode([&] { m_Server >> f; }), 0x2001002Fu);
     EXPECT_EQ(LastMessage(), "904 Bytes missing");
     EXPECT_EQ(std::ftell(f), 4096);
     std::fclose(f);
@@ -248,7 +236,7 @@ TEST_F(RawServerTest, AbortDetachesAtOnceAndADetachedChannelHasNoWaitHandle) {
     EXPECT_EQ(m_Client.GetState(), CKelSocket::ST_Detached);
     EXPECT_EQ(m_Pair.socket.GetNativeHandle(), CSocket::kNoHandle);
     EXPECT_TRUE(m_Pair.RecvToEnd().empty()); // the unsent request never left
-    EXPECT_EQ(Raised([&] { (void)static_cast<KEL::Threading::CWaitHandle>(m_Client); }), 0x2001001Eu);
+    EXPECT_EQ(RaisedCode([&] { (void)static_cast<KEL::Threading::CWaitHandle>(m_Client); }), 0x2001001Eu);
     CKelSocketServer idle;
     EXPECT_EQ(idle.Close(), 0x2001001Eu);
 }

@@ -2,8 +2,10 @@
 //
 // Helpers of the channel tests: a socket pair whose one end is a CSocket for a channel and
 // whose other end is a raw descriptor that writes and reads exact bytes, so the tests see the
-// wire; the first message of the thread's error log; a status catcher.
+// wire; the first message of the thread's error log.
 #pragma once
+
+#include "../common/TestUtil.h"
 
 #include <kel/Exceptions.h>
 #include <kel/Sockets.h>
@@ -15,6 +17,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <string>
 #include <vector>
@@ -26,19 +29,7 @@ using Bytes = std::vector<unsigned char>;
 constexpr unsigned int kAppId = 0x4B454C31u;
 constexpr int kHangGuardMs = 20000;
 
-/// Runs `body` with throw mode on and returns the status it raised (0 when none).
-template <class F>
-unsigned int Raised(F&& body) {
-    const unsigned int old = KEL::Threading::CThrowState::SetThrow(1);
-    unsigned int code = 0;
-    try {
-        body();
-    } catch (const KEL::Exceptions::CKelException& e) {
-        code = e.GetCode();
-    }
-    KEL::Threading::CThrowState::SetThrow(old);
-    return code;
-}
+using kel_test::RaisedCode;
 
 /// The message the last failure of this thread was raised with.
 inline std::string LastMessage() {
@@ -82,18 +73,7 @@ public:
         return out;
     }
     /// Everything until the channel's side closes.
-    Bytes RecvToEnd() const {
-        Bytes out;
-        unsigned char chunk[4096];
-        for (;;) {
-            pollfd p{raw, POLLIN, 0};
-            if (::poll(&p, 1, kHangGuardMs) <= 0) break;
-            const ssize_t got = ::recv(raw, chunk, sizeof chunk, 0);
-            if (got <= 0) break;
-            out.insert(out.end(), chunk, chunk + got);
-        }
-        return out;
-    }
+    Bytes RecvToEnd() const { return Recv(static_cast<size_t>(-1)); }
     void ShutdownRaw() const { ::shutdown(raw, SHUT_WR); }
     void CloseRaw() {
         if (raw >= 0) ::close(raw);
@@ -121,6 +101,14 @@ protected:
         m_Pair.Send({0xA9, 0x01, 0x00});
         ASSERT_EQ(m_Client.Attach(m_Pair.socket, kAppId), 1u);
         ASSERT_EQ(m_Pair.Recv(7), Cat(IdBytes(kAppId), {0xA9, 0x01, 0x00}));
+    }
+    /// The client starts request 1, which the raw `answer` acknowledges; the acknowledge.
+    unsigned int Acknowledged(const Bytes& answer) {
+        m_Pair.Send(answer);
+        unsigned int ack = 0;
+        EXPECT_EQ(m_Client.StartRequest(1), 1u);
+        EXPECT_EQ(m_Client.WaitForAck(ack), 1u);
+        return ack;
     }
     /// Sends a request through the client with `params`, answered by the raw `answer`
     /// (written first, so one thread does both sides); returns the request's bytes.

@@ -32,12 +32,9 @@ TEST_F(RawServerTest, IntegersStringsAndBlocksTakeTheirShortestBytes) {
 }
 
 TEST_F(RawServerTest, AnswerValuesReadBackAndMinus32ComesBackAsZero) {
-    m_Pair.Send({0x90, 0x09, 0xC0, 0xDF, 0xB0, 0x20, 0xB1, 0x01, 0x00, 0xE1, 0xFF, 0xE0, 0xB8, 0x21, 0xB7,
-                 0x01, 0, 0, 0, 0, 0, 0, 0, 0x06, 0x98, 0x03, 'x', 'y', 'z', 0x02});
-    ASSERT_EQ(m_Client.StartRequest(1), 1u);
-    unsigned int ack = 0;
-    ASSERT_EQ(m_Client.WaitForAck(ack), 1u);
-    EXPECT_EQ(ack, 9u);
+    EXPECT_EQ(Acknowledged({0x90, 0x09, 0xC0, 0xDF, 0xB0, 0x20, 0xB1, 0x01, 0x00, 0xE1, 0xFF, 0xE0, 0xB8, 0x21, 0xB7,
+                            0x01, 0, 0, 0, 0, 0, 0, 0, 0x06, 0x98, 0x03, 'x', 'y', 'z', 0x02}),
+              9u);
     int a, b, c, d, e, f, g, h;
     unsigned long long big;
     std::string empty = "old", text;
@@ -88,12 +85,9 @@ class IntegerRange : public RawServerTest, public ::testing::WithParamInterface<
 
 TEST_P(IntegerRange, ReadersCheckTheTypesLimits) {
     const RANGE_CASE& p = GetParam();
-    m_Pair.Send(Cat(Cat({0x90, 0x00}, p.wire), {0x02}));
-    unsigned int ack = 0;
-    ASSERT_EQ(m_Client.StartRequest(1), 1u);
-    ASSERT_EQ(m_Client.WaitForAck(ack), 1u);
+    Acknowledged(Cat(Cat({0x90, 0x00}, p.wire), {0x02}));
     long long got = 0;
-    const unsigned int code = Raised([&] { got = ReadAs(m_Client, p.width, p.isSigned); });
+    const unsigned int code = RaisedCode([&] { got = ReadAs(m_Client, p.width, p.isSigned); });
     if (p.fits) {
         EXPECT_EQ(code, 0u);
         EXPECT_EQ(got, p.expected);
@@ -141,7 +135,7 @@ TEST(ChannelReader, BytesThatAreNoCommandAreRejected) {
         ASSERT_EQ(client.StartRequest(1), 1u);
         ASSERT_EQ(client.WaitForAck(ack), 1u);
         int v = 0;
-        EXPECT_EQ(Raised([&] { client >> v; }), 0x20010026u) << std::hex << b;
+        EXPECT_EQ(RaisedCode([&] { client >> v; }), 0x20010026u) << std::hex << b;
         char expected[64];
         std::snprintf(expected, sizeof expected, "CKelSocket, Cmd=x%08X, Line=", b);
         EXPECT_EQ(LastMessage().rfind(expected, 0), 0u) << LastMessage();
@@ -150,11 +144,9 @@ TEST(ChannelReader, BytesThatAreNoCommandAreRejected) {
 }
 
 TEST_F(RawServerTest, NoticesAndKeepAlivesBetweenCommandsAreInvisible) {
-    m_Pair.Send({0x05, 0x03, 0x90, 0x03, 0x05, 0xC1, 0x03, 0x05, 0x98, 0x01, 'q', 0x05, 0x05, 0x78, 0x01, 0x03, 0x05, 0x02});
-    ASSERT_EQ(m_Client.StartRequest(1), 1u);
-    unsigned int ack = 0;
-    ASSERT_EQ(m_Client.WaitForAck(ack), 1u);
-    EXPECT_EQ(ack, 3u);
+    EXPECT_EQ(
+        Acknowledged({0x05, 0x03, 0x90, 0x03, 0x05, 0xC1, 0x03, 0x05, 0x98, 0x01, 'q', 0x05, 0x05, 0x78, 0x01, 0x03, 0x05, 0x02}),
+        3u);
     int one = 0;
     std::string q;
     m_Client >> one >> q;
@@ -172,26 +164,20 @@ TEST_F(RawServerTest, NoticesAndKeepAlivesBetweenCommandsAreInvisible) {
 }
 
 TEST_F(RawServerTest, OutOfSyncPutsTheCommandBackForTheRightReader) {
-    m_Pair.Send({0x90, 0x00, 0x98, 0x02, 'h', 'i', 0xB0, 0x40, 0x02});
-    ASSERT_EQ(m_Client.StartRequest(1), 1u);
-    unsigned int ack = 0;
-    ASSERT_EQ(m_Client.WaitForAck(ack), 1u);
+    Acknowledged({0x90, 0x00, 0x98, 0x02, 'h', 'i', 0xB0, 0x40, 0x02});
     int v = 0;
-    EXPECT_EQ(Raised([&] { m_Client >> v; }), 0x20010028u);
+    EXPECT_EQ(RaisedCode([&] { m_Client >> v; }), 0x20010028u);
     EXPECT_EQ(LastMessage(), "Integer-STC expected, 152 received");
     EXPECT_EQ(m_Client.GetState(), CKelSocket::ST_Read | CKelSocket::ST_Error);
     // Flagged: nothing reads until Skip; this Skip stops at the end of the answer.
     std::string s;
-    EXPECT_EQ(Raised([&] { m_Client >> s; }), 0x2001002Au);
+    EXPECT_EQ(RaisedCode([&] { m_Client >> s; }), 0x2001002Au);
     EXPECT_EQ(m_Client.Skip(), 1u);
     EXPECT_EQ(m_Client.EndRequest(), 1u);
 }
 
 TEST_F(RawServerTest, OutOfSyncLeavesTheCommandReadableAsWhatItIs) {
-    m_Pair.Send({0x90, 0x00, 0x98, 0x02, 'h', 'i', 0xB0, 0x40, 0x02});
-    ASSERT_EQ(m_Client.StartRequest(1), 1u);
-    unsigned int ack = 0;
-    ASSERT_EQ(m_Client.WaitForAck(ack), 1u);
+    Acknowledged({0x90, 0x00, 0x98, 0x02, 'h', 'i', 0xB0, 0x40, 0x02});
     std::string s;
     unsigned char block[2];
     size_t got = 9;
@@ -205,10 +191,7 @@ TEST_F(RawServerTest, OutOfSyncLeavesTheCommandReadableAsWhatItIs) {
 
 TEST_F(RawServerTest, SmallReadBufferGetsMoreDataAcrossContinuations) {
     // A 5-byte block continued by 4 and by an empty piece, then an integer.
-    m_Pair.Send({0x90, 0x00, 0x78, 0x05, 1, 2, 3, 4, 5, 0x80, 0x04, 6, 7, 8, 9, 0x80, 0x00, 0xC7, 0x02});
-    ASSERT_EQ(m_Client.StartRequest(1), 1u);
-    unsigned int ack = 0;
-    ASSERT_EQ(m_Client.WaitForAck(ack), 1u);
+    Acknowledged({0x90, 0x00, 0x78, 0x05, 1, 2, 3, 4, 5, 0x80, 0x04, 6, 7, 8, 9, 0x80, 0x00, 0xC7, 0x02});
     Bytes all;
     unsigned char buf[4];
     size_t got = 0;
@@ -229,11 +212,8 @@ TEST_F(RawServerTest, SmallReadBufferGetsMoreDataAcrossContinuations) {
 }
 
 TEST_F(RawServerTest, SkipDiscardsReservedCommandsAndTheRestOfABlock) {
-    m_Pair.Send({0x90, 0x00, 0x78, 0x03, 0x02, 0x02, 0x02, 0x09, 0x0F, 0x02, 0x02, 0x02, 0x02, 0x58, 0x02, 0x02,
-                 0x02, 0x60, 0x00, 0x98, 0x01, 0x02, 0x02});
-    ASSERT_EQ(m_Client.StartRequest(1), 1u);
-    unsigned int ack = 0;
-    ASSERT_EQ(m_Client.WaitForAck(ack), 1u);
+    Acknowledged({0x90, 0x00, 0x78, 0x03, 0x02, 0x02, 0x02, 0x09, 0x0F, 0x02, 0x02, 0x02, 0x02, 0x58, 0x02, 0x02,
+                  0x02, 0x60, 0x00, 0x98, 0x01, 0x02, 0x02});
     unsigned char one[1];
     size_t got = 0;
     ASSERT_EQ(m_Client.Read(one, 1, got), 132u);
@@ -257,10 +237,10 @@ TEST(ChannelReader, PeerClosingInsideAFrameIsDataMissing) {
         unsigned int code = 0;
         if (cut[0] == 0xB3) {
             int v;
-            code = Raised([&] { client >> v; });
+            code = RaisedCode([&] { client >> v; });
         } else if (cut[0] == 0x98) {
             std::string s;
-            code = Raised([&] { client >> s; });
+            code = RaisedCode([&] { client >> s; });
         } else if (cut[0] == 0x78) {
             unsigned char buf[16];
             size_t got = 0;
@@ -268,7 +248,7 @@ TEST(ChannelReader, PeerClosingInsideAFrameIsDataMissing) {
         } else {
             FILE* f = std::tmpfile();
             ASSERT_NE(f, nullptr);
-            code = Raised([&] { client >> f; });
+            code = RaisedCode([&] { client >> f; });
             std::fclose(f);
         }
         EXPECT_EQ(code, 0x2001002Fu) << std::hex << cut[0];
@@ -285,10 +265,10 @@ TEST(ChannelReader, PeerClosingInsideAFrameIsDataMissing) {
 
 TEST_F(RawServerTest, WritersAndReadersCheckTheStateAndTheFlag) {
     int v = 0;
-    EXPECT_EQ(Raised([&] { m_Client << 1; }), 0x20010027u);
+    EXPECT_EQ(RaisedCode([&] { m_Client << 1; }), 0x20010027u);
     EXPECT_EQ(LastMessage(), "Current=1, expected=ST_Send");
     EXPECT_EQ(m_Client.GetState(), CKelSocket::ST_Idle | CKelSocket::ST_Error);
-    EXPECT_EQ(Raised([&] { m_Client >> v; }), 0x2001002Au);
+    EXPECT_EQ(RaisedCode([&] { m_Client >> v; }), 0x2001002Au);
     EXPECT_EQ(m_Client.StartRequest(1), 0x2001002Au);
     EXPECT_EQ(m_Client.GetState(), 129u);
     // Skip clears the flag, but an idle client has nothing to skip: flagged again.

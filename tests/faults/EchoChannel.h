@@ -6,7 +6,7 @@
 // or TLS when it is given a server context (each session then runs the TLS handshake first).
 #pragma once
 
-#include "../threads/ThreadTestUtil.h"
+#include "../common/TestUtil.h"
 
 #include <kel/Exceptions.h>
 #include <kel/Sockets.h>

@@ -6,7 +6,7 @@
 // socket error; a peer that goes silent ends the read with the socket's time-out.
 #include "FaultProxy.h"
 
-#include "../threads/ThreadTestUtil.h"
+#include "../common/TestUtil.h"
 
 #include <kel/Exceptions.h>
 #include <kel/Sockets.h>

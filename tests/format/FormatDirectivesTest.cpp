@@ -31,79 +31,76 @@ unsigned int StatusOf(F&& body) {
     return 0;
 }
 
+// A format with its arguments and the exact text it must write into an empty string.
+struct FormatCase {
+    const char* name;
+    void (*write)(CStringVar&);
+    const char* expected;
+};
+
+class FormatWrites : public ::testing::TestWithParam<FormatCase> {};
+
+std::string CaseName(const ::testing::TestParamInfo<FormatCase>& info) { return info.param.name; }
+
 } // namespace
+
+TEST_P(FormatWrites, ExactText) {
+    CStringVar s;
+    GetParam().write(s);
+    EXPECT_EQ(GetParam().expected, Text(s));
+}
 
 // ---------------------------------------------------------------------------------------------
 // Alignment
 
-TEST(FormatAlignment, LeftAlignmentCutsATextLongerThanTheWidth) {
-    CStringVar s;
-    s.Format("%- 3s|") << "abcdef";
-    EXPECT_EQ("abc|", Text(s));
-}
-
-TEST(FormatAlignment, LeftAlignmentFillsBehindAShortText) {
-    CStringVar s;
-    s.Format("%-.5s|") << "ab";
-    EXPECT_EQ("ab...|", Text(s));
-}
-
-TEST(FormatAlignment, RightAlignmentNeverCuts) {
-    CStringVar s;
-    s.Format("%+ 5s|%+ 5s|") << "abcdef" << "ab";
-    EXPECT_EQ("abcdef|   ab|", Text(s));
-}
-
-TEST(FormatAlignment, CentreSplitsTheFillWithTheSmallerHalfInFront) {
-    CStringVar s;
-    s.Format("%=.6s|%=*7s|%=-3s|") << "ab" << "ab" << "abcdef";
-    EXPECT_EQ("..ab..|**ab***|abc|", Text(s));
-}
-
-TEST(FormatAlignment, WidthZeroOrNoFlagMeansNoAlignment) {
-    CStringVar s;
-    s.Format("%-x0s|%5d|%5s|") << "abc" << 42 << "ab";
-    EXPECT_EQ("abc|42|ab|", Text(s));
-}
-
-TEST(FormatAlignment, FillCharacterMayBeAnyCharacterIncludingDigitsAndPercent) {
-    CStringVar s;
-    s.Format("%+%4d|%-04s|") << 7 << "a";
-    EXPECT_EQ("%%%7|a000|", Text(s));
-}
-
-TEST(FormatAlignment, StarTakesWidthAndPrecisionFromIntegerArguments) {
-    CStringVar s;
-    s.Format("%-.*s|%0*X|%.*s|%-.*.*s|") << 5 << "ab" << 8 << 0xBEEFu << 2 << "abcdef" << 4 << 1 << "xyz";
-    EXPECT_EQ("ab...|0000BEEF|ab|x...|", Text(s));
-}
-
-TEST(FormatAlignment, StarWidthZeroTurnsAlignmentOff) {
-    CStringVar s;
-    s.Format("%-.*s|") << 0 << "abc";
-    EXPECT_EQ("abc|", Text(s));
-}
+const FormatCase kAlignment[] = {
+    {"LeftAlignmentCutsATextLongerThanTheWidth", [](CStringVar& s) { s.Format("%- 3s|") << "abcdef"; }, "abc|"},
+    {"LeftAlignmentFillsBehindAShortText", [](CStringVar& s) { s.Format("%-.5s|") << "ab"; }, "ab...|"},
+    {"RightAlignmentNeverCuts", [](CStringVar& s) { s.Format("%+ 5s|%+ 5s|") << "abcdef" << "ab"; }, "abcdef|   ab|"},
+    {"CentreSplitsTheFillWithTheSmallerHalfInFront",
+     [](CStringVar& s) { s.Format("%=.6s|%=*7s|%=-3s|") << "ab" << "ab" << "abcdef"; },
+     "..ab..|**ab***|abc|"},
+    {"WidthZeroOrNoFlagMeansNoAlignment",
+     [](CStringVar& s) { s.Format("%-x0s|%5d|%5s|") << "abc" << 42 << "ab"; },
+     "abc|42|ab|"},
+    {"FillCharacterMayBeAnyCharacterIncludingDigitsAndPercent",
+     [](CStringVar& s) { s.Format("%+%4d|%-04s|") << 7 << "a"; },
+     "%%%7|a000|"},
+    {"StarTakesWidthAndPrecisionFromIntegerArguments",
+     [](CStringVar& s) {
+         s.Format("%-.*s|%0*X|%.*s|%-.*.*s|") << 5 << "ab" << 8 << 0xBEEFu << 2 << "abcdef" << 4 << 1 << "xyz";
+     },
+     "ab...|0000BEEF|ab|x...|"},
+    {"StarWidthZeroTurnsAlignmentOff", [](CStringVar& s) { s.Format("%-.*s|") << 0 << "abc"; }, "abc|"},
+};
+INSTANTIATE_TEST_SUITE_P(FormatAlignment, FormatWrites, ::testing::ValuesIn(kAlignment), CaseName);
 
 // ---------------------------------------------------------------------------------------------
 // Integers
 
-TEST(FormatIntegers, ZeroFlagPadsAndDAlwaysShowsTheSign) {
-    CStringVar s;
-    s.Format("%05d %D %D %D %d") << 42 << 42 << -42 << 0 << -7;
-    EXPECT_EQ("00042 +42 -42 +0 -7", Text(s));
-}
-
-TEST(FormatIntegers, SignGoesBeforeZeroFill) {
-    CStringVar s;
-    s.Format("%05d|%06D|%+ 5d|%02d") << -42 << 42 << -42 << -42;
-    EXPECT_EQ("-0042|+00042|  -42|-42", Text(s));
-}
-
-TEST(FormatIntegers, ExtremeValuesKeepAllTheirDigits) {
-    CStringVar s;
-    s.Format("%d %D %d %d") << INT64_MIN << INT64_MIN << UINT64_MAX << INT64_MAX;
-    EXPECT_EQ("-9223372036854775808 -9223372036854775808 18446744073709551615 9223372036854775807", Text(s));
-}
+const FormatCase kIntegers[] = {
+    {"ZeroFlagPadsAndDAlwaysShowsTheSign",
+     [](CStringVar& s) { s.Format("%05d %D %D %D %d") << 42 << 42 << -42 << 0 << -7; },
+     "00042 +42 -42 +0 -7"},
+    {"SignGoesBeforeZeroFill",
+     [](CStringVar& s) { s.Format("%05d|%06D|%+ 5d|%02d") << -42 << 42 << -42 << -42; },
+     "-0042|+00042|  -42|-42"},
+    {"ExtremeValuesKeepAllTheirDigits",
+     [](CStringVar& s) { s.Format("%d %D %d %d") << INT64_MIN << INT64_MIN << UINT64_MAX << INT64_MAX; },
+     "-9223372036854775808 -9223372036854775808 18446744073709551615 9223372036854775807"},
+    {"NegativeValuesInARadixShowTheBitsOfTheirType",
+     [](CStringVar& s) {
+         s.Format("%X %X %X %x %o") << -1 << static_cast<short>(-1) << -1LL << -2L << static_cast<short>(-8);
+     },
+     "FFFFFFFF FFFF FFFFFFFFFFFFFFFF fffffffffffffffe 177770"},
+    {"CharacterTypesWriteOneByteOrRepeatIt",
+     [](CStringVar& s) { s.Format("%c%C|%.3c|%.0c|%-_3c|") << 'a' << 'b' << '-' << 'x' << 'z'; },
+     "aB|---||z__|"},
+    {"IntegersAfterTheLastDirectiveAreAppendedInDecimal",
+     [](CStringVar& s) { s.Format("a %d b") << 1 << 2 << -3 << 0xFFu; },
+     "a 1 b2-3255"},
+};
+INSTANTIATE_TEST_SUITE_P(FormatIntegers, FormatWrites, ::testing::ValuesIn(kIntegers), CaseName);
 
 TEST(FormatIntegers, BinaryOfAllOnesHasSixtyFourDigits) {
     CStringVar s;
@@ -112,12 +109,6 @@ TEST(FormatIntegers, BinaryOfAllOnesHasSixtyFourDigits) {
     CStringVar z;
     z.Format("%b|%o|%x|%X|%b") << 0 << 8 << 0xabcdef << 0xabcdef << 5u;
     EXPECT_EQ("0|10|abcdef|ABCDEF|101", Text(z));
-}
-
-TEST(FormatIntegers, NegativeValuesInARadixShowTheBitsOfTheirType) {
-    CStringVar s;
-    s.Format("%X %X %X %x %o") << -1 << static_cast<short>(-1) << -1LL << -2L << static_cast<short>(-8);
-    EXPECT_EQ("FFFFFFFF FFFF FFFFFFFFFFFFFFFF fffffffffffffffe 177770", Text(s));
 }
 
 TEST(FormatIntegers, PrecisionIsTheLeastNumberOfDigitsUpToSixtyFour) {
@@ -129,44 +120,30 @@ TEST(FormatIntegers, PrecisionIsTheLeastNumberOfDigitsUpToSixtyFour) {
     EXPECT_EQ(std::string(63, '0') + "1", Text(wide));
 }
 
-TEST(FormatIntegers, CharacterTypesWriteOneByteOrRepeatIt) {
-    CStringVar s;
-    s.Format("%c%C|%.3c|%.0c|%-_3c|") << 'a' << 'b' << '-' << 'x' << 'z';
-    EXPECT_EQ("aB|---||z__|", Text(s));
-}
-
-TEST(FormatIntegers, IntegersAfterTheLastDirectiveAreAppendedInDecimal) {
-    CStringVar s;
-    s.Format("a %d b") << 1 << 2 << -3 << 0xFFu;
-    EXPECT_EQ("a 1 b2-3255", Text(s));
-}
-
 // ---------------------------------------------------------------------------------------------
 // Strings, pointers and dumps
+
+const FormatCase kStrings[] = {
+    {"NullTextIsShownAndTextsAfterTheLastDirectiveAreAppended",
+     [](CStringVar& s) { s.Format("[%s]") << static_cast<const char*>(nullptr) << "tail" << std::string("!"); },
+     "[(null)]tail!"},
+    {"PercentPairsAndPlainTextSurviveAroundDirectives",
+     [](CStringVar& s) { s.Format("100%% of %s%%") << "x"; },
+     "100% of x%"},
+    {"DirectivesWithoutArgumentWriteNothing",
+     [](CStringVar& s) { s.Format("a %d b %s c %-x5s %%") << 1; },
+     "a 1 b  c  %"},
+    {"HexDumpWritesBlankSeparatedPairsInLines",
+     [](CStringVar& s) { s.Format("%h|%H|%.2h|%.0.3h|%h|") << "ab\n" << "\xfe\x0a" << "abcde" << "abcdef" << ""; },
+     "61 62 0a|FE 0A|61 62\n63 64\n65|61 62 63||"},
+};
+INSTANTIATE_TEST_SUITE_P(FormatStrings, FormatWrites, ::testing::ValuesIn(kStrings), CaseName);
 
 TEST(FormatStrings, PrecisionCapsUpperCaseConvertsAndViewsNeedNoTerminator) {
     CStringVar s;
     const char raw[] = {'x', 'y', 'z', 'Q'};
     s.Format("%.2s|%S|%s|%s|%s") << "abc" << "mIx3d" << CSubStringRef(raw, 3) << std::string("std") << CStringVar("var");
     EXPECT_EQ("ab|MIX3D|xyz|std|var", Text(s));
-}
-
-TEST(FormatStrings, NullTextIsShownAndTextsAfterTheLastDirectiveAreAppended) {
-    CStringVar s;
-    s.Format("[%s]") << static_cast<const char*>(nullptr) << "tail" << std::string("!");
-    EXPECT_EQ("[(null)]tail!", Text(s));
-}
-
-TEST(FormatStrings, PercentPairsAndPlainTextSurviveAroundDirectives) {
-    CStringVar s;
-    s.Format("100%% of %s%%") << "x";
-    EXPECT_EQ("100% of x%", Text(s));
-}
-
-TEST(FormatStrings, DirectivesWithoutArgumentWriteNothing) {
-    CStringVar s;
-    s.Format("a %d b %s c %-x5s %%") << 1;
-    EXPECT_EQ("a 1 b  c  %", Text(s));
 }
 
 TEST(FormatStrings, ABrokenDirectiveInTheRestEndsTheTextQuietly) {
@@ -176,12 +153,6 @@ TEST(FormatStrings, ABrokenDirectiveInTheRestEndsTheTextQuietly) {
     CStringVar t;
     EXPECT_EQ(0u, StatusOf([&] { t.Format("ends in %"); }));
     EXPECT_EQ("ends in ", Text(t));
-}
-
-TEST(FormatStrings, HexDumpWritesBlankSeparatedPairsInLines) {
-    CStringVar s;
-    s.Format("%h|%H|%.2h|%.0.3h|%h|") << "ab\n" << "\xfe\x0a" << "abcde" << "abcdef" << "";
-    EXPECT_EQ("61 62 0a|FE 0A|61 62\n63 64\n65|61 62 63||", Text(s));
 }
 
 TEST(FormatStrings, HexDumpOfMemoryTakesZeroBytesAndIndentsItsLines) {
@@ -215,28 +186,21 @@ TEST(FormatStrings, LanguageStringsInUtf8AreConvertedToSingleBytes) {
 // ---------------------------------------------------------------------------------------------
 // Indentation and line splitting
 
-TEST(FormatIndentation, ContinuationLinesAreIndentedToTheFieldColumn) {
-    CStringVar s;
-    s.Format("Msg: %!s|\nnext %s") << "one\ntwo\r\nthree" << "a\nb";
-    EXPECT_EQ("Msg: one\n     two\n     three|\nnext a\nb", Text(s));
-}
-
-TEST(FormatIndentation, EachLineIsAlignedOnItsOwn) {
-    CStringVar s;
-    s.Format("> %!-.4s|") << "a\nbbbbbb";
-    EXPECT_EQ("> a...\n  bbbb|", Text(s));
-}
+const FormatCase kIndentation[] = {
+    {"ContinuationLinesAreIndentedToTheFieldColumn",
+     [](CStringVar& s) { s.Format("Msg: %!s|\nnext %s") << "one\ntwo\r\nthree" << "a\nb"; },
+     "Msg: one\n     two\n     three|\nnext a\nb"},
+    {"EachLineIsAlignedOnItsOwn", [](CStringVar& s) { s.Format("> %!-.4s|") << "a\nbbbbbb"; }, "> a...\n  bbbb|"},
+    {"ATrailingLineEndAddsNoIndentedEmptyLine",
+     [](CStringVar& s) { s.Format("  %!s\n") << "first\nsecond\n"; },
+     "  first\n  second\n\n"},
+};
+INSTANTIATE_TEST_SUITE_P(FormatIndentation, FormatWrites, ::testing::ValuesIn(kIndentation), CaseName);
 
 TEST(FormatIndentation, TheColumnContinuesFromTextAlreadyInTheString) {
     CStringVar s("ab\ncd");
     s.Format("%!s") << "x\ny";
     EXPECT_EQ("ab\ncdx\n  y", Text(s));
-}
-
-TEST(FormatIndentation, ATrailingLineEndAddsNoIndentedEmptyLine) {
-    CStringVar s;
-    s.Format("  %!s\n") << "first\nsecond\n";
-    EXPECT_EQ("  first\n  second\n\n", Text(s));
 }
 
 TEST(FormatIndentation, LeftMarginIsTheLeastIndent) {

@@ -22,6 +22,13 @@ namespace {
 
 std::string Text(const CStringVar& s) { return std::string(s.data(), s.Length()); }
 
+// The fields of `r` put in order into an empty string.
+std::string InOrder(CFormatResortBuffer& r) {
+    CStringVar out;
+    r.PutInOrder(out);
+    return Text(out);
+}
+
 template <class F>
 unsigned int StatusOf(F&& body) {
     try {
@@ -123,17 +130,13 @@ TEST(ResortBuffer, OrderTextPlacesFieldsAndGetsABlankAppended) {
     CFormatResortBuffer r;
     r.Format("%s %s", "%2 %1") << "A" << "B";
     EXPECT_EQ(2u, r.FieldCount());
-    CStringVar out;
-    r.PutInOrder(out);
-    EXPECT_EQ("B A ", Text(out));
+    EXPECT_EQ("B A ", InOrder(r));
 }
 
 TEST(ResortBuffer, PercentPairsAndOtherPercentsInTheOrderText) {
     CFormatResortBuffer r;
     r.Format("%s", "100%% %1%x and %") << "A";
-    CStringVar out;
-    r.PutInOrder(out);
-    EXPECT_EQ("100% A%x and % ", Text(out));
+    EXPECT_EQ("100% A%x and % ", InOrder(r));
 }
 
 TEST(ResortBuffer, FieldsKeepTheirFormattingButNotThePlainText) {
@@ -147,9 +150,7 @@ TEST(ResortBuffer, FieldsKeepTheirFormattingButNotThePlainText) {
 TEST(ResortBuffer, ArgumentsAfterTheLastDirectiveBecomeFields) {
     CFormatResortBuffer r;
     r.Format("%s", "%3-%2-%1") << "a" << 7 << "z";
-    CStringVar out;
-    r.PutInOrder(out);
-    EXPECT_EQ("z-7-a ", Text(out));
+    EXPECT_EQ("z-7-a ", InOrder(r));
 }
 
 TEST(ResortBuffer, FieldZeroOrPastTheCountRaises) {
@@ -170,9 +171,7 @@ TEST(ResortBuffer, ANewFormatStartsFromNoFields) {
     r.Format("%s %s %s", "%3") << "a" << "b" << "c";
     r.Format("%s", "[%1]") << "only";
     EXPECT_EQ(1u, r.FieldCount());
-    CStringVar out;
-    r.PutInOrder(out);
-    EXPECT_EQ("[only] ", Text(out));
+    EXPECT_EQ("[only] ", InOrder(r));
 }
 
 TEST(ResortBuffer, AFormatWithoutOrderTextKeepsTheOrderAndDropsTheFields) {
@@ -180,9 +179,7 @@ TEST(ResortBuffer, AFormatWithoutOrderTextKeepsTheOrderAndDropsTheFields) {
     r.Format("%s %s", "%2, %1") << "first" << "second";
     r.Format("%d %d") << 1 << 2;
     EXPECT_EQ(2u, r.FieldCount());
-    CStringVar out;
-    r.PutInOrder(out);
-    EXPECT_EQ("2, 1 ", Text(out));
+    EXPECT_EQ("2, 1 ", InOrder(r));
 }
 
 TEST(ResortBuffer, IsAStringArgumentOfAnotherFormat) {
@@ -206,9 +203,7 @@ TEST(ResortBuffer, ABadOrderTextInsideAnotherFormatEndsThatFormat) {
 TEST(ResortBuffer, ABadFormatKeepsTheFieldsSoFar) {
     CFormatResortBuffer r;
     EXPECT_EQ(0x20010010u, StatusOf([&] { r.Format("%s %d", "%1") << "kept" << "bad"; }));
-    CStringVar out;
-    r.PutInOrder(out);
-    EXPECT_EQ("kept ", Text(out));
+    EXPECT_EQ("kept ", InOrder(r));
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -4,7 +4,7 @@
 
 #include "KEL_Json/RapidJson.h"
 
-#include "KelKrnl/Hooks.h"
+#include "../common/TraceCapture.h"
 
 #include <gtest/gtest.h>
 
@@ -19,42 +19,30 @@
 
 namespace {
 
+using kel_test::CTraceCapture;
 using KEL::Json::TDataType;
 using KEL::Json::TJsonException;
 using KEL::Json::TJsonObject;
 
-std::vector<std::string> g_Entries;
-
-void Capture(const KEL::Strings::CStringRef& entry) { g_Entries.emplace_back(entry.data(), entry.Length()); }
-
 // Catches the trace entries that the JSON layer writes (category 0x40000000 of kelbase).
 class JsonTrace : public ::testing::Test {
 protected:
-    void SetUp() override {
-        g_Entries.clear();
-        m_uSaved = KEL::KEL_MODULE_INFO_KelLib.GetTrcPoints();
-        KEL::KEL_MODULE_INFO_KelLib.SetTrcPoints(m_uSaved | 0x40000000u);
-        m_pSavedHook = KEL::Internals::g_pfnTraceWrite.exchange(&Capture);
-    }
-    void TearDown() override {
-        KEL::Internals::g_pfnTraceWrite.store(m_pSavedHook);
-        KEL::KEL_MODULE_INFO_KelLib.SetTrcPoints(m_uSaved);
-    }
     // The text of the only entry written, without its header line.
     static std::string OnlyEntryText() {
-        EXPECT_EQ(g_Entries.size(), 1u);
-        if (g_Entries.empty()) return std::string();
-        const std::string& e = g_Entries.back();
+        const std::vector<std::string> entries = CTraceCapture::Entries();
+        EXPECT_EQ(entries.size(), 1u);
+        if (entries.empty()) return std::string();
+        const std::string& e = entries.back();
         size_t nl = e.find('\n', 1);
         return nl == std::string::npos ? e : e.substr(nl + 1);
     }
     static std::string EntryHeader() {
-        if (g_Entries.empty()) return std::string();
-        const std::string& e = g_Entries.back();
+        const std::vector<std::string> entries = CTraceCapture::Entries();
+        if (entries.empty()) return std::string();
+        const std::string& e = entries.back();
         return e.substr(0, e.find('\n', 1) + 1);
     }
-    unsigned int m_uSaved = 0;
-    KEL::Internals::PFN_TRACE_WRITE m_pSavedHook = nullptr;
+    CTraceCapture m_Trace{0x40000000u, true};
 };
 
 std::string ParseError(const char* text) {
@@ -76,7 +64,7 @@ TEST_F(JsonTrace, EmptyDocumentIsRefusedWithTheLibraryMessage) {
 TEST_F(JsonTrace, NothingIsTracedWhenTheCategoryIsOff) {
     KEL::KEL_MODULE_INFO_KelLib.SetTrcPoints(0);
     EXPECT_THROW(TJsonObject::constructFromParse("{"), TJsonException);
-    EXPECT_TRUE(g_Entries.empty());
+    EXPECT_TRUE(CTraceCapture::Entries().empty());
 }
 
 TEST(JsonParse, EveryErrorCodeHasItsEnglishMessage) {
@@ -149,7 +137,7 @@ TEST_F(JsonTrace, IntMustFitSigned32Bits) {
     EXPECT_EQ(v.i, -2147483647 - 1);
     EXPECT_THROW(root.findMember("big", TDataType::Int), TJsonException);
     EXPECT_THROW(root.findMember("f", TDataType::Int), TJsonException);
-    g_Entries.clear();
+    CTraceCapture::Clear();
     try {
         root.findMember("u", TDataType::Int);
         ADD_FAILURE() << "4294967295 taken as Int";
@@ -174,7 +162,7 @@ TEST_F(JsonTrace, EachTypeHasItsOwnMismatchText) {
         {"missing", TDataType::Object, "ERROR: Need missing in JSON, but not found"},
     };
     for (const CASE& c : cases) {
-        g_Entries.clear();
+        CTraceCapture::Clear();
         EXPECT_THROW(root.findMember(c.name, c.type), TJsonException) << c.name;
         EXPECT_EQ(OnlyEntryText(), c.text);
     }

@@ -1,6 +1,7 @@
 // The module registry, status texts, the application object and trace entry headers.
 #include <kel/kelbase.h>
 
+#include "../common/TraceCapture.h"
 #include "KelKrnl/Hooks.h"
 #include "KelKrnl/KelModule.h"
 
@@ -156,57 +157,50 @@ TEST(Application, NlsSearchPathAndDebugWait) {
     Misc::pKelApp->SetDebugWait(false);
 }
 
-namespace {
-std::vector<std::string> g_Entries;
-void Capture(const Strings::CStringRef& entry) { g_Entries.emplace_back(entry.C_Str()); }
-struct CaptureScope {
-    CaptureScope() {
-        g_Entries.clear();
-        Internals::g_pfnTraceWrite = &Capture;
-    }
-    ~CaptureScope() { Internals::g_pfnTraceWrite = nullptr; }
-};
-} // namespace
+// Only the writer is replaced: the trace points stay as the test sets them.
+using TraceWriter = kel_test::CTraceCapture;
 
 TEST(TraceEntry, HeaderLayouts) {
-    CaptureScope capture;
+    TraceWriter capture(0, true);
     Misc::CModuleInfo mine(0x125, "Mine", "V1");
     mine.SetTrcPoints(0xFFFFFFFFu);
     KEL_TRACE(mine, 0x20, "KEL::Test::Short", "value=%d") << 5;
     KEL_TRACE(mine, 0x40000000, "KEL::Test::Long", "text");
     KEL_TRACE(mine, 0x80000020u, "KEL::Test::Cont", "more");
     { Internals::CTraceStreamBuffer(0x20, mine, "KEL::Test::Second", "extra", 77).Format("x"); }
-    ASSERT_EQ(4u, g_Entries.size());
+    const std::vector<std::string> entries = capture.Entries();
+    ASSERT_EQ(4u, entries.size());
     std::regex shortForm(R"(\n\*\*F0020\*\* \d{2}:\d{2}:\d{2}\.\d{4} \[TID=undefined\] Mine::KEL::Test::Short@\d+\nvalue=5)");
-    EXPECT_TRUE(std::regex_match(g_Entries[0], shortForm)) << g_Entries[0];
+    EXPECT_TRUE(std::regex_match(entries[0], shortForm)) << entries[0];
     std::regex longForm(R"(\n\*\*F40000000\*\* \d{2}:\d{2}:\d{2}\.\d{4} \[TID=undefined\] Mine::KEL::Test::Long@\d+\ntext)");
-    EXPECT_TRUE(std::regex_match(g_Entries[1], longForm)) << g_Entries[1];
+    EXPECT_TRUE(std::regex_match(entries[1], longForm)) << entries[1];
     std::regex continued(R"(\*\*F80000020\*\* \d{2}:\d{2}:\d{2}\.\d{4} \[TID=undefined\]: more)");
-    EXPECT_TRUE(std::regex_match(g_Entries[2], continued)) << g_Entries[2];
+    EXPECT_TRUE(std::regex_match(entries[2], continued)) << entries[2];
     std::regex second(R"(\n\*\*F0020\*\* \d{2}:\d{2}:\d{2}\.\d{4} \[TID=undefined\] Mine::KEL::Test::Second:extra@77\nx)");
-    EXPECT_TRUE(std::regex_match(g_Entries[3], second)) << g_Entries[3];
+    EXPECT_TRUE(std::regex_match(entries[3], second)) << entries[3];
 }
 
 TEST(TraceEntry, SwitchedOffPointFormatsNothing) {
-    CaptureScope capture;
+    TraceWriter capture(0, true);
     Misc::CModuleInfo mine(0x126, "Mine", "V1");
     int evaluated = 0;
     auto arg = [&] { return ++evaluated; };
     KEL_TRACE(mine, 0x20, "KEL::Test::Off", "%d") << arg();
     EXPECT_EQ(0, evaluated);
-    EXPECT_TRUE(g_Entries.empty());
+    EXPECT_TRUE(capture.Entries().empty());
 }
 
 TEST(TraceEntry, ModuleUnloadLineWhenItsPointIsOn) {
-    CaptureScope capture;
+    TraceWriter capture(0, true);
     unsigned int saved = KEL_MODULE_INFO_KelLib.GetTrcPoints();
     KEL_MODULE_INFO_KelLib.SetTrcPoints(0x20000000u);
     { Misc::CModuleInfo passing(0x127, "Passing", "1"); }
     KEL_MODULE_INFO_KelLib.SetTrcPoints(saved);
-    ASSERT_EQ(1u, g_Entries.size());
+    const std::vector<std::string> entries = capture.Entries();
+    ASSERT_EQ(1u, entries.size());
     std::regex line(R"(\n\*\*F20000000\*\* .*kelbase::KEL::Misc::CModuleInfo::~CModuleInfo@\d+\n)"
                     R"(KEL-powered Module unloaded \(Module=Passing, System time: \w{3} \w{3} [ \d]\d \d{2}:\d{2}:\d{2} \d{4}\)\.\n)");
-    EXPECT_TRUE(std::regex_match(g_Entries[0], line)) << g_Entries[0];
+    EXPECT_TRUE(std::regex_match(entries[0], line)) << entries[0];
 }
 
 TEST(Clock, TickTimeIsMonotonicAndScaled) {

@@ -1,72 +1,22 @@
 // kelbase - tests/language/LanguageTestSupport.h
 //
-// Shared helpers of the language tests: a trace capture, temporary folders, and builders of
-// binary language files with chosen faults.
+// Shared helpers of the language tests: temporary folders and builders of binary language
+// files with chosen faults.
 #pragma once
 
 #include <kel/Exceptions.h>
 #include <kel/Misc.h>
 
-#include "KelKrnl/Hooks.h"
+#include "../common/TraceCapture.h"
 
 #include <boost/filesystem.hpp>
 
 #include <cstdlib>
 #include <fstream>
-#include <mutex>
 #include <string>
 #include <vector>
 
 namespace kel_test {
-
-/// Collects the trace entries written while it lives, with the given trace points on.
-class CTraceCapture {
-public:
-    explicit CTraceCapture(unsigned int points = 0x40000000u)
-        : m_uSaved(KEL::KEL_MODULE_INFO_KelLib.GetTrcPoints()) {
-        {
-            std::lock_guard<std::mutex> lock(Mutex());
-            Entries().clear();
-        }
-        m_pSavedWriter = KEL::Internals::g_pfnTraceWrite.exchange(&Write);
-        KEL::KEL_MODULE_INFO_KelLib.SetTrcPoints(points);
-    }
-    ~CTraceCapture() {
-        KEL::KEL_MODULE_INFO_KelLib.SetTrcPoints(m_uSaved);
-        KEL::Internals::g_pfnTraceWrite.store(m_pSavedWriter);
-    }
-    CTraceCapture(const CTraceCapture&) = delete;
-    CTraceCapture& operator=(const CTraceCapture&) = delete;
-
-    /// Entries whose text contains `needle`.
-    size_t Count(const std::string& needle) const {
-        std::lock_guard<std::mutex> lock(Mutex());
-        size_t n = 0;
-        for (const std::string& e : Entries())
-            if (e.find(needle) != std::string::npos) ++n;
-        return n;
-    }
-    std::vector<std::string> All() const {
-        std::lock_guard<std::mutex> lock(Mutex());
-        return Entries();
-    }
-
-private:
-    static std::mutex& Mutex() {
-        static std::mutex m;
-        return m;
-    }
-    static std::vector<std::string>& Entries() {
-        static std::vector<std::string> e;
-        return e;
-    }
-    static void Write(const KEL::Strings::CStringRef& entry) {
-        std::lock_guard<std::mutex> lock(Mutex());
-        Entries().emplace_back(entry.C_Str(), entry.Length());
-    }
-    unsigned int m_uSaved;
-    KEL::Internals::PFN_TRACE_WRITE m_pSavedWriter;
-};
 
 /// A folder below the system's temporary folder, removed with everything in it.
 class CTempDir {

@@ -103,54 +103,11 @@ struct DAMAGE {
     std::string (*make)();
 };
 
-std::string Truncated() {
+// A valid file with the 32-bit field at `offset` set to `value`.
+std::string Patched(size_t offset, unsigned int value) {
     std::string b = ValidFile();
-    b.pop_back();
+    kel_test::Patch32(b, offset, value);
     return b;
-}
-std::string OneByteTooLong() {
-    return ValidFile() + "x";
-}
-std::string WrongMagic() {
-    std::string b = ValidFile();
-    kel_test::Patch32(b, 0, 0x25031962u);
-    return b;
-}
-std::string WrongCount() {
-    std::string b = ValidFile();
-    kel_test::Patch32(b, 4, kCount + 1);
-    return b;
-}
-std::string OffsetOutside() {
-    std::string b = ValidFile();
-    kel_test::Patch32(b, 12 + 48 + 4, static_cast<unsigned int>(b.size())); // second entry's block
-    return b;
-}
-std::string OffsetIntoTheHeaders() {
-    std::string b = ValidFile();
-    kel_test::Patch32(b, 12 + 4, 0);
-    return b;
-}
-std::string NegativeOffset() {
-    std::string b = ValidFile();
-    kel_test::Patch32(b, 12 + 4, 0x80000000u);
-    return b;
-}
-std::string HugeN() {
-    std::string b = ValidFile();
-    kel_test::Patch32(b, 8, 0xFFFFFFFFu);
-    return b;
-}
-std::string BlockSizeOverflows() {
-    std::string b = ValidFile();
-    kel_test::Patch32(b, 12 + 8, 0xFFFFFFF0u);
-    return b;
-}
-std::string HeaderOnly() {
-    return ValidFile().substr(0, 8);
-}
-std::string EntryHeaderCut() {
-    return ValidFile().substr(0, 12 + 48 + 20);
 }
 
 class NlsFileDamage : public NlsFile, public ::testing::WithParamInterface<DAMAGE> {};
@@ -172,13 +129,20 @@ TEST_P(NlsFileDamage, IsRefusedAndTheBuiltInStringsStay) {
 
 INSTANTIATE_TEST_SUITE_P(
     Damaged, NlsFileDamage,
-    ::testing::Values(DAMAGE{"Truncated", Truncated}, DAMAGE{"OneByteTooLong", OneByteTooLong},
-                      DAMAGE{"WrongMagic", WrongMagic}, DAMAGE{"WrongCount", WrongCount},
-                      DAMAGE{"OffsetOutside", OffsetOutside},
-                      DAMAGE{"OffsetIntoTheHeaders", OffsetIntoTheHeaders},
-                      DAMAGE{"NegativeOffset", NegativeOffset}, DAMAGE{"HugeN", HugeN},
-                      DAMAGE{"BlockSizeOverflows", BlockSizeOverflows}, DAMAGE{"HeaderOnly", HeaderOnly},
-                      DAMAGE{"EntryHeaderCut", EntryHeaderCut}),
+    ::testing::Values(DAMAGE{"Truncated", [] { return ValidFile().substr(0, ValidFile().size() - 1); }},
+                      DAMAGE{"OneByteTooLong", [] { return ValidFile() + "x"; }},
+                      DAMAGE{"WrongMagic", [] { return Patched(0, 0x25031962u); }},
+                      DAMAGE{"WrongCount", [] { return Patched(4, kCount + 1); }},
+                      // The second entry's block starts at the end of the file.
+                      DAMAGE{
+                          "OffsetOutside",
+                          [] { return Patched(12 + 48 + 4, static_cast<unsigned int>(ValidFile().size())); }},
+                      DAMAGE{"OffsetIntoTheHeaders", [] { return Patched(12 + 4, 0); }},
+                      DAMAGE{"NegativeOffset", [] { return Patched(12 + 4, 0x80000000u); }},
+                      DAMAGE{"HugeN", [] { return Patched(8, 0xFFFFFFFFu); }},
+                      DAMAGE{"BlockSizeOverflows", [] { return Patched(12 + 8, 0xFFFFFFF0u); }},
+                      DAMAGE{"HeaderOnly", [] { return ValidFile().substr(0, 8); }},
+                      DAMAGE{"EntryHeaderCut", [] { return ValidFile().substr(0, 12 + 48 + 20); }}),
     [](const ::testing::TestParamInfo<DAMAGE>& info) { return std::string(info.param.name); });
 
 TEST_F(NlsFile, BlockWithTooFewStringsIsRefusedWhenLoaded) {
@@ -231,7 +195,7 @@ TEST_F(NlsFile, SearchStopsAtTheFirstFolderThatOpens) {
 
 TEST_F(NlsFile, CorruptFileInFrontDoesNotHideAGoodOneBehind) {
     CTempDir second;
-    m_Dir.Write("module.nls", OneByteTooLong());
+    m_Dir.Write("module.nls", ValidFile() + "x");
     second.Write("module.nls", ValidFile());
     SearchIn(m_Dir.Path().string() + ";" + second.Path().string());
     CModuleFile file;
@@ -245,7 +209,7 @@ TEST_F(NlsFile, CallersErrorLogSurvivesAFailedSearch) {
     } catch (const KEL::Exceptions::CKelException&) {
     }
     ASSERT_EQ(0x20010016u, KEL::Exceptions::ThreadErrorLog().GetError());
-    m_Dir.Write("module.nls", WrongMagic());
+    m_Dir.Write("module.nls", Patched(0, 0x25031962u));
     SearchIn(m_Dir.Path().string());
     kel_test::CTraceCapture trace;
     CModuleFile file;

@@ -101,7 +101,7 @@ TEST_F(Resolver, MissingLabelGivesTheNoInformationTextAndATraceLine) {
     char expected[128];
     std::snprintf(expected, sizeof(expected),
                   "NLS-Thread-ID=0x%x Language=en Label-ID=99999\t??? not found ???", thread.GetThreadID());
-    EXPECT_EQ(1u, trace.Count(expected)) << (trace.All().empty() ? "" : trace.All().back());
+    EXPECT_EQ(1u, trace.Count(expected)) << (trace.Entries().empty() ? "" : trace.Entries().back());
 
     thread.SetLngId(kDe);
     EXPECT_EQ(kNoInformation, Resolve(0));

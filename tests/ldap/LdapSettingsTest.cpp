@@ -4,7 +4,7 @@
 // the XML form with its bad documents.
 #include <kel/kelbase.h>
 
-#include "TraceCapture.h"
+#include "../common/TraceCapture.h"
 
 #include <gtest/gtest.h>
 
@@ -163,7 +163,7 @@ TEST(LdapXmlRead, EmptyOrMissingElementsKeepTheDefaults) {
 }
 
 TEST(LdapXmlRead, BadPortsAndFlagsKeepTheirDefaultsAndAreTraced) {
-    KelTest::CTraceCapture trace;
+    kel_test::CTraceCapture trace(0x60000000u, true);
     const char* bad[] = {"63a6", "-1", "0", "65536", "99999999999999999999", "0x27c", "6 36"};
     for (const char* port : bad) {
         KEL::XML::xml_document doc;
@@ -200,7 +200,7 @@ TEST(LdapXmlRead, DocumentsWithoutServersGiveAnEmptyList) {
 }
 
 TEST(LdapXmlRead, MoreThanTheMaximumKeepsTheFirstTenAndSaysSo) {
-    KelTest::CTraceCapture trace;
+    kel_test::CTraceCapture trace(0x60000000u, true);
     std::string servers;
     for (int i = 0; i < 12; ++i) servers += ServerXml("<domain>d" + std::to_string(i) + "</domain>");
     KEL::XML::xml_document doc;

@@ -4,6 +4,8 @@
 // Debian's (packages slapd, ldap-utils); KEL_SLAPD and KEL_LDAP_SCHEMA_DIR override them.
 #include "Slapd.h"
 
+#include "../common/TestUtil.h"
+
 #include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
@@ -27,215 +29,70 @@ namespace KelTest {
 
 namespace {
 
+// LDIF entries of the kinds the directory is made of; `parent` is the DN they are placed in.
+std::string Ou(const std::string& name, const std::string& parent) {
+    return "dn: ou=" + name + "," + parent + "\nobjectClass: organizationalUnit\nou: " + name + "\n\n";
+}
+std::string Person(const std::string& cn, const std::string& sn, const std::string& account, const std::string& parent,
+                   const std::string& password = std::string()) {
+    return "dn: cn=" + cn + "," + parent + "\nobjectClass: inetOrgPerson\nobjectClass: extensibleObject\ncn: " + cn +
+           "\nsn: " + sn + "\nsAMAccountName: " + account + "\n" +
+           (password.empty() ? std::string() : "userPassword: " + password + "\n") + "\n";
+}
+std::string Group(const std::string& cn, const std::string& parent, std::initializer_list<std::string> members) {
+    std::string entry = "dn: cn=" + cn + "," + parent + "\nobjectClass: groupOfNames\ncn: " + cn + "\n";
+    for (const std::string& m : members) entry += "member: " + m + "\n";
+    return entry + "\n";
+}
+
 // The directory: the suite's own (users, an ambiguous name, departments, role groups and their
 // declarations) and a customer's (people and groups nested upward, with two cycles).
-const char* const kDirectory = R"(dn: dc=test
-objectClass: dcObject
-objectClass: organization
-o: test
-dc: test
-
-dn: dc=lanternbay,dc=test
-objectClass: dcObject
-objectClass: organization
-o: lanternbay
-dc: lanternbay
-
-dn: ou=Users,dc=lanternbay,dc=test
-objectClass: organizationalUnit
-ou: Users
-
-dn: cn=Alice Admin,ou=Users,dc=lanternbay,dc=test
-objectClass: inetOrgPerson
-objectClass: extensibleObject
-cn: Alice Admin
-sn: Admin
-sAMAccountName: alice
-userPassword: alice-secret
-
-dn: cn=Bob Viewer,ou=Users,dc=lanternbay,dc=test
-objectClass: inetOrgPerson
-objectClass: extensibleObject
-cn: Bob Viewer
-sn: Viewer
-sAMAccountName: bob
-userPassword: bob-secret
-
-dn: cn=Carol Visitor,ou=Users,dc=lanternbay,dc=test
-objectClass: inetOrgPerson
-objectClass: extensibleObject
-cn: Carol Visitor
-sn: Visitor
-sAMAccountName: carol
-
-dn: cn=Odd Name,ou=Users,dc=lanternbay,dc=test
-objectClass: inetOrgPerson
-objectClass: extensibleObject
-cn: Odd Name
-sn: Name
-sAMAccountName: st*r(x)\y
-
-dn: cn=Dave One,ou=Users,dc=lanternbay,dc=test
-objectClass: inetOrgPerson
-objectClass: extensibleObject
-cn: Dave One
-sn: One
-sAMAccountName: dave
-
-dn: ou=Contractors,ou=Users,dc=lanternbay,dc=test
-objectClass: organizationalUnit
-ou: Contractors
-
-dn: cn=Dave Two,ou=Contractors,ou=Users,dc=lanternbay,dc=test
-objectClass: inetOrgPerson
-objectClass: extensibleObject
-cn: Dave Two
-sn: Two
-sAMAccountName: dave
-
-dn: ou=Tessel,dc=lanternbay,dc=test
-objectClass: organizationalUnit
-ou: Tessel
-
-dn: ou=Departments,ou=Tessel,dc=lanternbay,dc=test
-objectClass: organizationalUnit
-ou: Departments
-
-dn: cn=Operations,ou=Departments,ou=Tessel,dc=lanternbay,dc=test
-objectClass: groupOfNames
-cn: Operations
-member: cn=Alice Admin,ou=Users,dc=lanternbay,dc=test
-
-dn: cn=Auditing,ou=Departments,ou=Tessel,dc=lanternbay,dc=test
-objectClass: groupOfNames
-cn: Auditing
-member: cn=Bob Viewer,ou=Users,dc=lanternbay,dc=test
-
-dn: cn=Lobby,ou=Departments,ou=Tessel,dc=lanternbay,dc=test
-objectClass: groupOfNames
-cn: Lobby
-member: cn=Carol Visitor,ou=Users,dc=lanternbay,dc=test
-
-dn: ou=AuthorizationRoles,ou=Tessel,dc=lanternbay,dc=test
-objectClass: organizationalUnit
-ou: AuthorizationRoles
-
-dn: cn=Operations,ou=AuthorizationRoles,ou=Tessel,dc=lanternbay,dc=test
-objectClass: groupOfNames
-objectClass: extensibleObject
-cn: Operations
-distinguishedName: cn=Operations,ou=AuthorizationRoles,ou=Tessel,dc=lanternbay,dc=test
-member: cn=Alice Admin,ou=Users,dc=lanternbay,dc=test
-memberOf: cn=Administrator,ou=AuthorizationRoles,ou=Declarations,ou=Tessel,dc=lanternbay,dc=test
-memberOf: cn=ModifyRaidConfig,ou=Volkeep,ou=Privileges,ou=Declarations,ou=Tessel,dc=lanternbay,dc=test
-memberOf: CN=AccessVolkeep, OU=Volkeep, OU=Privileges, OU=Declarations, OU=Tessel, DC=lanternbay, DC=test
-
-dn: cn=Auditing,ou=AuthorizationRoles,ou=Tessel,dc=lanternbay,dc=test
-objectClass: groupOfNames
-objectClass: extensibleObject
-cn: Auditing
-distinguishedName: cn=Auditing,ou=AuthorizationRoles,ou=Tessel,dc=lanternbay,dc=test
-member: cn=Monitor,ou=AuthorizationRoles,ou=Declarations,ou=Tessel,dc=lanternbay,dc=test
-member: cn=AccessVolkeep,ou=Volkeep,ou=Privileges,ou=Declarations,ou=Tessel,dc=lanternbay,dc=test
-member: cn=AccessVolkeep,ou=Elsewhere,dc=lanternbay,dc=test
-
-dn: ou=Declarations,ou=Tessel,dc=lanternbay,dc=test
-objectClass: organizationalUnit
-ou: Declarations
-
-dn: ou=AuthorizationRoles,ou=Declarations,ou=Tessel,dc=lanternbay,dc=test
-objectClass: organizationalUnit
-ou: AuthorizationRoles
-
-dn: cn=Administrator,ou=AuthorizationRoles,ou=Declarations,ou=Tessel,dc=lanternbay,dc=test
-objectClass: groupOfNames
-cn: Administrator
-member: cn=Operations,ou=AuthorizationRoles,ou=Tessel,dc=lanternbay,dc=test
-
-dn: cn=Monitor,ou=AuthorizationRoles,ou=Declarations,ou=Tessel,dc=lanternbay,dc=test
-objectClass: groupOfNames
-cn: Monitor
-member: cn=Auditing,ou=AuthorizationRoles,ou=Tessel,dc=lanternbay,dc=test
-
-dn: ou=Privileges,ou=Declarations,ou=Tessel,dc=lanternbay,dc=test
-objectClass: organizationalUnit
-ou: Privileges
-
-dn: ou=Volkeep,ou=Privileges,ou=Declarations,ou=Tessel,dc=lanternbay,dc=test
-objectClass: organizationalUnit
-ou: Volkeep
-
-dn: cn=AccessVolkeep,ou=Volkeep,ou=Privileges,ou=Declarations,ou=Tessel,dc=lanternbay,dc=test
-objectClass: groupOfNames
-cn: AccessVolkeep
-member: cn=Operations,ou=AuthorizationRoles,ou=Tessel,dc=lanternbay,dc=test
-member: cn=Auditing,ou=AuthorizationRoles,ou=Tessel,dc=lanternbay,dc=test
-
-dn: cn=ModifyRaidConfig,ou=Volkeep,ou=Privileges,ou=Declarations,ou=Tessel,dc=lanternbay,dc=test
-objectClass: groupOfNames
-cn: ModifyRaidConfig
-member: cn=Operations,ou=AuthorizationRoles,ou=Tessel,dc=lanternbay,dc=test
-
-dn: dc=customer,dc=test
-objectClass: dcObject
-objectClass: organization
-o: customer
-dc: customer
-
-dn: ou=People,dc=customer,dc=test
-objectClass: organizationalUnit
-ou: People
-
-dn: cn=Frank,ou=People,dc=customer,dc=test
-objectClass: inetOrgPerson
-objectClass: extensibleObject
-cn: Frank
-sn: Frank
-sAMAccountName: frank
-userPassword: frank-secret
-
-dn: ou=Groups,dc=customer,dc=test
-objectClass: organizationalUnit
-ou: Groups
-
-dn: cn=Staff,ou=Groups,dc=customer,dc=test
-objectClass: groupOfNames
-cn: Staff
-member: cn=Frank,ou=People,dc=customer,dc=test
-
-dn: cn=Engineering,ou=Groups,dc=customer,dc=test
-objectClass: groupOfNames
-cn: Engineering
-member: cn=Staff,ou=Groups,dc=customer,dc=test
-
-dn: cn=CycleA,ou=Groups,dc=customer,dc=test
-objectClass: groupOfNames
-cn: CycleA
-member: cn=Frank,ou=People,dc=customer,dc=test
-member: cn=CycleB,ou=Groups,dc=customer,dc=test
-
-dn: cn=CycleB,ou=Groups,dc=customer,dc=test
-objectClass: groupOfNames
-cn: CycleB
-member: cn=CycleA,ou=Groups,dc=customer,dc=test
-
-dn: cn=All,ou=Groups,dc=customer,dc=test
-objectClass: groupOfNames
-cn: All
-member: cn=Engineering,ou=Groups,dc=customer,dc=test
-member: cn=CycleA,ou=Groups,dc=customer,dc=test
-
-dn: cn=SelfLoop,ou=Groups,dc=customer,dc=test
-objectClass: groupOfNames
-cn: SelfLoop
-member: cn=SelfLoop,ou=Groups,dc=customer,dc=test
-member: cn=Frank,ou=People,dc=customer,dc=test
-
-dn: cn=Unrelated,ou=Groups,dc=customer,dc=test
-objectClass: groupOfNames
-cn: Unrelated
-member: cn=Nobody,ou=People,dc=customer,dc=test
-)";
+std::string Directory() {
+    const std::string base = "dc=lanternbay,dc=test", users = "ou=Users," + base, tessel = "ou=Tessel," + base;
+    const std::string depts = "ou=Departments," + tessel, roles = "ou=AuthorizationRoles," + tessel;
+    const std::string decl = "ou=Declarations," + tessel, declRoles = "ou=AuthorizationRoles," + decl;
+    const std::string volkeep = "ou=Volkeep,ou=Privileges," + decl;
+    const std::string people = "ou=People,dc=customer,dc=test", groups = "ou=Groups,dc=customer,dc=test";
+    return "dn: dc=test\nobjectClass: dcObject\nobjectClass: organization\no: test\ndc: test\n\n"
+           "dn: dc=lanternbay,dc=test\nobjectClass: dcObject\nobjectClass: organization\no: lanternbay\n"
+           "dc: lanternbay\n\n" +
+           Ou("Users", base) + Person("Alice Admin", "Admin", "alice", users, "alice-secret") +
+           Person("Bob Viewer", "Viewer", "bob", users, "bob-secret") +
+           Person("Carol Visitor", "Visitor", "carol", users) + Person("Odd Name", "Name", "st*r(x)\\y", users) +
+           Person("Dave One", "One", "dave", users) + Ou("Contractors", users) +
+           Person("Dave Two", "Two", "dave", "ou=Contractors," + users) + Ou("Tessel", base) +
+           Ou("Departments", tessel) + Group("Operations", depts, {"cn=Alice Admin," + users}) +
+           Group("Auditing", depts, {"cn=Bob Viewer," + users}) + Group("Lobby", depts, {"cn=Carol Visitor," + users}) +
+           Ou("AuthorizationRoles", tessel) +
+           // Role groups as the other directory product shows them: with their own DN and the
+           // groups they belong to (one of them spelt with upper case and blanks).
+           "dn: cn=Operations," + roles +
+           "\nobjectClass: groupOfNames\nobjectClass: extensibleObject\ncn: Operations\n"
+           "distinguishedName: cn=Operations," + roles + "\nmember: cn=Alice Admin," + users +
+           "\nmemberOf: cn=Administrator," + declRoles + "\nmemberOf: cn=ModifyRaidConfig," + volkeep +
+           "\nmemberOf: CN=AccessVolkeep, OU=Volkeep, OU=Privileges, OU=Declarations, OU=Tessel, DC=lanternbay, "
+           "DC=test\n\n"
+           "dn: cn=Auditing," + roles +
+           "\nobjectClass: groupOfNames\nobjectClass: extensibleObject\ncn: Auditing\n"
+           "distinguishedName: cn=Auditing," + roles + "\nmember: cn=Monitor," + declRoles +
+           "\nmember: cn=AccessVolkeep," + volkeep + "\nmember: cn=AccessVolkeep,ou=Elsewhere," + base + "\n\n" +
+           Ou("Declarations", tessel) + Ou("AuthorizationRoles", decl) +
+           Group("Administrator", declRoles, {"cn=Operations," + roles}) +
+           Group("Monitor", declRoles, {"cn=Auditing," + roles}) + Ou("Privileges", decl) +
+           Ou("Volkeep", "ou=Privileges," + decl) +
+           Group("AccessVolkeep", volkeep, {"cn=Operations," + roles, "cn=Auditing," + roles}) +
+           Group("ModifyRaidConfig", volkeep, {"cn=Operations," + roles}) +
+           "dn: dc=customer,dc=test\nobjectClass: dcObject\nobjectClass: organization\no: customer\n"
+           "dc: customer\n\n" +
+           Ou("People", "dc=customer,dc=test") + Person("Frank", "Frank", "frank", people, "frank-secret") +
+           Ou("Groups", "dc=customer,dc=test") + Group("Staff", groups, {"cn=Frank," + people}) +
+           Group("Engineering", groups, {"cn=Staff," + groups}) +
+           Group("CycleA", groups, {"cn=Frank," + people, "cn=CycleB," + groups}) +
+           Group("CycleB", groups, {"cn=CycleA," + groups}) +
+           Group("All", groups, {"cn=Engineering," + groups, "cn=CycleA," + groups}) +
+           Group("SelfLoop", groups, {"cn=SelfLoop," + groups, "cn=Frank," + people}) +
+           Group("Unrelated", groups, {"cn=Nobody," + people});
+}
 
 const char* Env(const char* name, const char* fallback) {
     const char* v = std::getenv(name);
@@ -270,21 +127,6 @@ bool CanConnect(unsigned int port) {
 }
 
 } // namespace
-
-unsigned int FreePort() {
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return 0;
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    unsigned int port = 0;
-    if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
-        getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0)
-        port = ntohs(a.sin_port);
-    close(fd);
-    return port;
-}
 
 bool CSlapd::Run(const std::string& program, const char* const argv[], const std::string& log, bool wait,
                  int& status, std::string& why) {
@@ -343,8 +185,8 @@ bool CSlapd::Launch(std::string& why) {
         why = slapd + " cannot be run (package slapd): " + std::strerror(errno);
         return false;
     }
-    m_uPlainPort = FreePort();
-    m_uTlsPort = FreePort();
+    m_uPlainPort = kel_test::FreePort();
+    m_uTlsPort = kel_test::FreePort();
     if (m_uPlainPort == 0 || m_uTlsPort == 0 || m_uPlainPort == m_uTlsPort) {
         why = "no free loopback ports";
         return false;
@@ -416,7 +258,7 @@ bool CSlapd::Start(std::string& why) {
          << "TLSCertificateFile " << cert << "\nTLSCertificateKeyFile " << key << "\n"
          << "database mdb\nsuffix \"dc=test\"\nrootdn \"cn=admin,dc=test\"\nrootpw admin-secret\n"
          << "directory " << m_strDir << "/db\nmaxsize 16777216\n";
-    if (!WriteFile(m_strDir + "/slapd.conf", conf.str()) || !WriteFile(m_strDir + "/data.ldif", kDirectory)) {
+    if (!WriteFile(m_strDir + "/slapd.conf", conf.str()) || !WriteFile(m_strDir + "/data.ldif", Directory())) {
         why = "cannot write into " + m_strDir;
         return false;
     }

@@ -50,7 +50,4 @@ private:
     unsigned int m_uTlsPort = 0;
 };
 
-/// A loopback port on which nothing listens (taken free and closed again).
-unsigned int FreePort();
-
 } // namespace KelTest

@@ -1,4 +1,6 @@
 // Tests of the thread pool: its life cycle, growth, idle time-out, Stop and a stress run.
+#include "../common/TestUtil.h"
+
 #include <kel/Delegates.h>
 #include <kel/Exceptions.h>
 #include <kel/Threading.h>
@@ -7,7 +9,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <functional>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -16,36 +17,29 @@ using KEL::Delegates_and_Calls::CDelegate;
 using KEL::Delegates_and_Calls::MakeDelegate;
 using KEL::Delegates_and_Calls::MakeWaitableCall;
 using KEL::Threading::CThreadPool;
+using kel_test::Eventually;
+using kel_test::RaisedCode;
 
 namespace {
-
-/// Runs `body` with throw mode on and returns the status it raised (0 when none).
-template <class F> unsigned int RaisedCode(F&& body) {
-    unsigned int old = KEL::Threading::CThrowState::SetThrow(1);
-    unsigned int code = 0;
-    try {
-        body();
-    } catch (const KEL::Exceptions::CKelException& e) {
-        code = e.GetCode();
-    }
-    KEL::Threading::CThrowState::SetThrow(old);
-    return code;
-}
-
-/// Spins (hang guard 30 s) until `cond` holds.
-bool Eventually(const std::function<bool()>& cond) {
-    for (int i = 0; i < 30000; ++i) {
-        if (cond()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return cond();
-}
 
 /// A latch a job can block on until the test opens it.
 struct Gate {
     std::atomic<bool> open{false};
     void Pass() const {
         Eventually([this] { return open.load(); });
+    }
+};
+
+// Jobs that block on one gate, counting how many started and how many finished.
+struct GatedJobs {
+    Gate gate;
+    std::atomic<int> started{0}, done{0};
+    CDelegate Job() {
+        return MakeDelegate([this] {
+            ++started;
+            gate.Pass();
+            ++done;
+        });
     }
 };
 
@@ -88,23 +82,17 @@ TEST(ThreadPoolLifecycle, StopWithoutWorkersKeepsThePoolOpen) {
 TEST(ThreadPoolGrowth, HoldsOneWorkerMoreThanTheMaximumThenQueues) {
     CThreadPool pool;
     ASSERT_EQ(pool.Init(0, 1, 60000), 1u);
-    Gate gate;
-    std::atomic<int> started{0}, done{0};
-    auto job = [&] {
-        ++started;
-        gate.Pass();
-        ++done;
-    };
-    pool.Enqueue(MakeDelegate(job));
-    pool.Enqueue(MakeDelegate(job));
-    ASSERT_TRUE(Eventually([&] { return started == 2; }));
+    GatedJobs jobs;
+    pool.Enqueue(jobs.Job());
+    pool.Enqueue(jobs.Job());
+    ASSERT_TRUE(Eventually([&] { return jobs.started == 2; }));
     EXPECT_EQ(pool.GetThreadCount(), 2u);
-    pool.Enqueue(MakeDelegate(job));
+    pool.Enqueue(jobs.Job());
     EXPECT_EQ(pool.GetThreadCount(), 2u);
     EXPECT_EQ(pool.GetQueuedJobCount(), 1u);
-    EXPECT_EQ(started.load(), 2);
-    gate.open = true;
-    ASSERT_TRUE(Eventually([&] { return done == 3; }));
+    EXPECT_EQ(jobs.started.load(), 2);
+    jobs.gate.open = true;
+    ASSERT_TRUE(Eventually([&] { return jobs.done == 3; }));
     EXPECT_EQ(pool.GetQueuedJobCount(), 0u);
     EXPECT_EQ(pool.Stop(), 1u);
 }
@@ -141,18 +129,12 @@ TEST(ThreadPoolIdle, MinimumDecidesWhetherAFinishedWorkerStaysIdle) {
     for (unsigned int minThreads : {0u, 1u}) {
         CThreadPool pool;
         ASSERT_EQ(pool.Init(minThreads, 0, 60000), 1u);
-        Gate gate;
-        std::atomic<int> started{0}, done{0};
-        auto job = [&] {
-            ++started;
-            gate.Pass();
-            ++done;
-        };
-        pool.Enqueue(MakeDelegate(job));
-        pool.Enqueue(MakeDelegate(job));
-        ASSERT_TRUE(Eventually([&] { return started == 2; }));
-        gate.open = true;
-        ASSERT_TRUE(Eventually([&] { return done == 2; }));
+        GatedJobs jobs;
+        pool.Enqueue(jobs.Job());
+        pool.Enqueue(jobs.Job());
+        ASSERT_TRUE(Eventually([&] { return jobs.started == 2; }));
+        jobs.gate.open = true;
+        ASSERT_TRUE(Eventually([&] { return jobs.done == 2; }));
         // min 0: the second finisher sees one idle worker (1 > 0) and leaves; min 1 keeps both.
         unsigned int expectIdle = minThreads + 1;
         ASSERT_TRUE(Eventually([&] { return pool.GetIdleCount() == expectIdle; })) << "min " << minThreads;
@@ -185,23 +167,17 @@ TEST(ThreadPoolJobs, FailingJobIsLoggedInItsDelegateAndTheWorkerGoesOn) {
 TEST(ThreadPoolStop, CancelsIdleWorkersAndWaitsForRunningOnes) {
     CThreadPool pool;
     ASSERT_EQ(pool.Init(3, 0, 600000), 1u);
-    Gate gate;
-    std::atomic<int> started{0}, done{0};
-    for (int i = 0; i < 3; ++i)
-        pool.Enqueue(MakeDelegate([&] {
-            ++started;
-            gate.Pass();
-            ++done;
-        }));
-    ASSERT_TRUE(Eventually([&] { return started == 3; }));
-    gate.open = true;
+    GatedJobs jobs;
+    for (int i = 0; i < 3; ++i) pool.Enqueue(jobs.Job());
+    ASSERT_TRUE(Eventually([&] { return jobs.started == 3; }));
+    jobs.gate.open = true;
     ASSERT_TRUE(Eventually([&] { return pool.GetIdleCount() == 3; }));
     Gate slow;
     std::atomic<bool> slowStarted{false};
     pool.Enqueue(MakeDelegate([&] {
         slowStarted = true;
         slow.Pass();
-        ++done;
+        ++jobs.done;
     }));
     ASSERT_TRUE(Eventually([&] { return slowStarted.load(); }));
     std::thread opener([&] {
@@ -210,7 +186,7 @@ TEST(ThreadPoolStop, CancelsIdleWorkersAndWaitsForRunningOnes) {
     });
     EXPECT_EQ(pool.Stop(), 1u);
     opener.join();
-    EXPECT_EQ(done.load(), 4);
+    EXPECT_EQ(jobs.done.load(), 4);
     EXPECT_EQ(pool.GetThreadCount(), 0u);
     EXPECT_EQ(pool.GetIdleCount(), 0u);
 }
@@ -297,60 +273,54 @@ TEST(ThreadPoolStress, ManyProducersWhileWorkersIdleOutAndStopRuns) {
     EXPECT_EQ(destroyed.load(), kJobs);
 }
 
-TEST(ThreadPoolStress, EveryJobRunsExactlyOnceWhileWorkersIdleOut) {
-    constexpr int kProducers = 3, kPerProducer = 3000, kJobs = kProducers * kPerProducer;
-    std::vector<std::atomic<int>> runs(kJobs);
+namespace {
+
+// Producers enqueue counted jobs into a pool with `maxThreads` and `idleMs`, calling `pace`
+// after each job; every job must run once and be released once, and however the workers came
+// and went there are never more than the maximum plus one.
+template <class Pace>
+void ExpectEveryJobRunsOnce(unsigned int maxThreads, unsigned int idleMs, int nProducers, int perProducer, Pace pace) {
+    const int nJobs = nProducers * perProducer;
+    std::vector<std::atomic<int>> runs(nJobs);
     std::atomic<int> destroyed{0};
     {
         CThreadPool pool;
-        ASSERT_EQ(pool.Init(0, 2, 1), 1u);
+        ASSERT_EQ(pool.Init(0, maxThreads, idleMs), 1u);
         std::vector<std::thread> producers;
-        for (int p = 0; p < kProducers; ++p)
+        for (int p = 0; p < nProducers; ++p)
             producers.emplace_back([&, p] {
-                for (int i = 0; i < kPerProducer; ++i) {
-                    int id = p * kPerProducer + i;
+                for (int i = 0; i < perProducer; ++i) {
+                    const int id = p * perProducer + i;
                     EXPECT_EQ(pool.Enqueue(CDelegate(new CCountingCb(&runs[id], &destroyed))), 1u);
-                    if (i % 300 == 299) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+                    pace(i);
                 }
             });
         for (auto& t : producers)
             t.join();
-        ASSERT_TRUE(Eventually([&] { return destroyed == kJobs; }));
+        ASSERT_TRUE(Eventually([&] { return destroyed == nJobs; }));
+        EXPECT_LE(pool.GetThreadCount(), maxThreads + 1);
         EXPECT_EQ(pool.Stop(), 1u);
+        EXPECT_EQ(pool.GetThreadCount(), 0u);
+        EXPECT_EQ(pool.GetIdleCount(), 0u);
     }
-    for (int i = 0; i < kJobs; ++i)
+    for (int i = 0; i < nJobs; ++i)
         ASSERT_EQ(runs[i].load(), 1) << "job " << i;
+}
+
+} // namespace
+
+TEST(ThreadPoolStress, EveryJobRunsExactlyOnceWhileWorkersIdleOut) {
+    ExpectEveryJobRunsOnce(2, 1, 3, 3000, [](int i) {
+        if (i % 300 == 299) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    });
 }
 
 TEST(ThreadPoolStress, HandOverRacingTheIdleTimeOutRunsEveryJobOnce) {
     // Idle time 0: a worker that parks times out at once, so nearly every hand-over meets a
     // worker on its way out, and its wake-up signal arrives after the lock is released.
-    constexpr int kProducers = 3, kPerProducer = 4000, kJobs = kProducers * kPerProducer;
-    std::vector<std::atomic<int>> runs(kJobs);
-    std::atomic<int> destroyed{0};
-    {
-        CThreadPool pool;
-        ASSERT_EQ(pool.Init(0, 1, 0), 1u);
-        std::vector<std::thread> producers;
-        for (int p = 0; p < kProducers; ++p)
-            producers.emplace_back([&, p] {
-                for (int i = 0; i < kPerProducer; ++i) {
-                    int id = p * kPerProducer + i;
-                    EXPECT_EQ(pool.Enqueue(CDelegate(new CCountingCb(&runs[id], &destroyed))), 1u);
-                    if (i % 64 == 63) std::this_thread::yield();
-                }
-            });
-        for (auto& t : producers)
-            t.join();
-        ASSERT_TRUE(Eventually([&] { return destroyed == kJobs; }));
-        // Never more than the maximum plus one, however the workers came and went.
-        EXPECT_LE(pool.GetThreadCount(), 2u);
-        EXPECT_EQ(pool.Stop(), 1u);
-        EXPECT_EQ(pool.GetThreadCount(), 0u);
-        EXPECT_EQ(pool.GetIdleCount(), 0u);
-    }
-    for (int i = 0; i < kJobs; ++i)
-        ASSERT_EQ(runs[i].load(), 1) << "job " << i;
+    ExpectEveryJobRunsOnce(1, 0, 3, 4000, [](int i) {
+        if (i % 64 == 63) std::this_thread::yield();
+    });
 }
 
 TEST(ThreadPoolJobs, QueueDeeperThanTheKeptRecordsRunsAndReleasesEveryJob) {

@@ -7,7 +7,7 @@
 // or garbled answer, on a descriptor or thread left behind, and on resident memory that keeps
 // growing once the service is warm. Every connection runs over TLS (each session's handshake is
 // a pool job too); KEL_SOAK_PLAIN=1 runs the same load over plain TCP.
-#include "../threads/ThreadTestUtil.h"
+#include "../common/TestUtil.h"
 
 #include <kel/Delegates.h>
 #include <kel/Exceptions.h>

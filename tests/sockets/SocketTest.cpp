@@ -3,7 +3,7 @@
 // Sockets on loopback: connecting and accepting in both families, the read modes and their
 // results, the peer-close and time-out rules, sockets in list waits beside events and
 // interrupts, and address resolution.
-#include "../threads/ThreadTestUtil.h"
+#include "../common/TestUtil.h"
 
 #include <kel/Exceptions.h>
 #include <kel/Sockets.h>

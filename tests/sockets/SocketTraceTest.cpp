@@ -2,7 +2,7 @@
 //
 // The receive trace lines under category 0x20000000: what a partial read, a read that would
 // block and a complete read that had to wait write to the trace file.
-#include "../threads/ThreadTestUtil.h"
+#include "../common/TestUtil.h"
 
 #include <kel/Exceptions.h>
 #include <kel/Functions.h>

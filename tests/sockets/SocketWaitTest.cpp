@@ -2,7 +2,7 @@
 //
 // The wait for a single socket (no wait list): ready input, the zero and short time-outs, the
 // peer's close, and interrupts that arrive while the thread is not waiting or are disabled.
-#include "../threads/ThreadTestUtil.h"
+#include "../common/TestUtil.h"
 
 #include <kel/Exceptions.h>
 #include <kel/Sockets.h>
@@ -24,19 +24,7 @@ using kel_test::RaisedCode;
 
 namespace {
 
-class SingleSocketWait : public ::testing::Test {
-protected:
-    void SetUp() override {
-        m_Listener.StartListen(0, 0);
-        m_Client.ConnectLocal(m_Listener.GetLocalAddr().GetPort());
-        ASSERT_EQ(m_Listener.Wait(kHangGuardMs), 1u);
-        ASSERT_EQ(m_Listener.Accept(m_Server), 1u);
-    }
-
-    CSocketListener m_Listener;
-    CSocket m_Client;
-    CSocket m_Server;
-};
+using SingleSocketWait = kel_test::TLoopbackPair<CSocket>;
 
 TEST_F(SingleSocketWait, ReadyInputEndsEvenAZeroTimeoutUntilItIsRead) {
     EXPECT_EQ(m_Client.Wait(0), KEL::URET_Timeout);

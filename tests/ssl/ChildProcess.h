@@ -101,11 +101,4 @@ private:
     std::string m_strOutput;
 };
 
-/// A loopback port that was free a moment ago (the system picks it).
-inline unsigned int FreePort() {
-    KEL::Sockets::CSocketListener probe;
-    probe.StartListen(0, 0);
-    return probe.GetLocalAddr().GetPort();
-}
-
 } // namespace kel_test

@@ -3,7 +3,7 @@
 // keep-alives, and the goodbye that ends in the peers' TLS close.
 #include "SslTestUtil.h"
 
-#include "../threads/ThreadTestUtil.h"
+#include "../common/TestUtil.h"
 
 #include <thread>
 #include <vector>
@@ -19,22 +19,15 @@ namespace {
 
 constexpr unsigned int kApplication = 0x4B454C53;
 
-class TlsChannel : public ::testing::Test {
+class TlsChannel : public kel_test::TLoopbackPair<CSslSocket> {
 protected:
     void SetUp() override {
         CIdentities& ids = CIdentities::Get();
         ASSERT_EQ(m_ServerCtx.MakeContext(SSLM_Default, SSLV_None, "", {}, ids.serverKey, ids.server, ids.interm), 1u);
         ASSERT_EQ(m_ClientCtx.MakeContext(SSLM_Default), 1u);
-        m_Listener.StartListen(0, 0);
-        m_Client.SetTimeout(kHangGuardMs);
-        m_Client.ConnectLocal(m_Listener.GetLocalAddr().GetPort());
-        ASSERT_EQ(m_Listener.Wait(kHangGuardMs), 1u);
-        ASSERT_EQ(m_Listener.Accept(m_Server), 1u);
-        m_Server.SetTimeout(kHangGuardMs);
+        TLoopbackPair::SetUp();
     }
     CSslContext m_ServerCtx, m_ClientCtx;
-    CSocketListener m_Listener;
-    CSslSocket m_Client, m_Server;
 };
 
 } // namespace

@@ -13,6 +13,7 @@ using kel_test::CMemoryTls;
 using kel_test::CTraceCapture;
 using kel_test::ErrorLogText;
 using kel_test::LastStatus;
+using kel_test::ServerContext;
 
 namespace {
 
@@ -40,16 +41,6 @@ std::vector<std::string> ExpectedCipherNames(const char* list) {
     std::vector<std::string> names = CipherNames(ctx);
     SSL_CTX_free(ctx);
     return names;
-}
-
-// A server context with the shared test identity (leaf and intermediate).
-CSslContext ServerContext(Sockets::SSL_METHOD method, const std::string& ciphers = std::string(),
-                          const std::vector<std::string>& keys = {}) {
-    CIdentities& ids = CIdentities::Get();
-    CSslContext ctx;
-    EXPECT_EQ(1u, ctx.MakeContext(method, SSLV_None, ciphers, keys, ids.serverKey, ids.server, ids.interm))
-        << ErrorLogText();
-    return ctx;
 }
 
 // A raw client context that speaks exactly the given protocol range and suites, whatever the

@@ -2,6 +2,8 @@
 // input, certificate making checked by the openssl command line, and the TLS module itself.
 #include "SslTestUtil.h"
 
+#include "../common/TestUtil.h"
+
 #include "OpenSSL/SslModuleInfo.h"
 
 #include <openssl/core_names.h>
@@ -18,6 +20,7 @@ using kel_test::CTempFile;
 using kel_test::CTraceCapture;
 using kel_test::ErrorLogText;
 using kel_test::LastStatus;
+using kel_test::Pem;
 using kel_test::RunCommand;
 
 namespace {
@@ -31,12 +34,6 @@ unsigned long Exponent(const CSslKey& key) {
 }
 
 bool Contains(const Strings::CStringVar& text, const char* part) { return text.str().find(part) != std::string::npos; }
-
-std::string PemOf(const CSslCertificate& cert) {
-    Strings::TString<2048> pem;
-    EXPECT_EQ(1u, cert.Write(pem));
-    return pem.str();
-}
 
 // Breaks the DER structure: the first base64 quantum becomes zero bytes (valid base64, so
 // the damage reaches the decoder) or a character outside the alphabet.
@@ -141,7 +138,7 @@ TEST(SslKey, CorruptOrForeignTextIsRefusedAndTheKeyKept) {
     CSslKey key(ids.serverKey);
     EVP_PKEY* before = key;
     for (const std::string& bad : {Corrupted(pem.str()), Corrupted(pem.str(), true), pem.str().substr(0, pem.Length() / 2), std::string("hello"),
-                                   std::string(), PemOf(ids.ca)}) {
+                                   std::string(), Pem(ids.ca)}) {
         EXPECT_EQ(0x20010046u, key.Read(bad));
         EXPECT_EQ(before, static_cast<EVP_PKEY*>(key));
     }
@@ -229,7 +226,7 @@ TEST(SslCertificate, CorruptPemIsRefusedAndTheCertificateKept) {
     CIdentities& ids = CIdentities::Get();
     CSslCertificate cert(ids.ca);
     X509* before = cert;
-    for (const std::string& bad : {Corrupted(PemOf(ids.server)), Corrupted(PemOf(ids.server), true),
+    for (const std::string& bad : {Corrupted(Pem(ids.server)), Corrupted(Pem(ids.server), true),
                                    std::string("-----BEGIN CERTIFICATE-----\n"), std::string("x")}) {
         EXPECT_EQ(0x20010049u, cert.Read(bad));
         EXPECT_EQ(before, static_cast<X509*>(cert));
@@ -251,7 +248,7 @@ TEST(SslCertificate, IssuedCertificatesNameTheirIssuer) {
 
 TEST(SslCertificate, OpensslVerifiesSelfSignedAndIssuedCertificates) {
     CIdentities& ids = CIdentities::Get();
-    CTempFile self(PemOf(ids.selfSigned)), ca(PemOf(ids.ca)), interm(PemOf(ids.interm)), server(PemOf(ids.server));
+    CTempFile self(Pem(ids.selfSigned)), ca(Pem(ids.ca)), interm(Pem(ids.interm)), server(Pem(ids.server));
     std::string out;
     EXPECT_EQ(0, RunCommand("openssl verify -CAfile " + self.Path() + " " + self.Path(), out)) << out;
     EXPECT_NE(std::string::npos, out.find(": OK")) << out;
@@ -280,7 +277,7 @@ TEST(SslCertificate, OpensslReadsEveryField) {
     CSslKey key;
     CSslCertificate cert;
     ASSERT_EQ(1u, cert.MakeCertificate(data, key)) << ErrorLogText();
-    CTempFile file(PemOf(cert));
+    CTempFile file(Pem(cert));
     std::string out;
     ASSERT_EQ(0, RunCommand("openssl x509 -noout -text -in " + file.Path(), out)) << out;
     for (const char* part :
@@ -298,7 +295,7 @@ TEST(SslCertificate, OpensslReadsEveryField) {
 }
 
 TEST(SslCertificate, CaCertificatesMayOnlySign) {
-    CTempFile file(PemOf(CIdentities::Get().ca));
+    CTempFile file(Pem(CIdentities::Get().ca));
     std::string out;
     ASSERT_EQ(0, RunCommand("openssl x509 -noout -text -in " + file.Path(), out)) << out;
     EXPECT_NE(std::string::npos, out.find("CA:TRUE"));
@@ -354,15 +351,8 @@ TEST(SslCertificate, EmptyHandleIsRefused) {
 }
 
 TEST(SslCertificate, FailuresThrowInThrowMode) {
-    unsigned int saved = Threading::CThrowState::SetThrow(1);
     CSslCertificate cert;
-    try {
-        cert.Read("garbage");
-        ADD_FAILURE() << "no exception";
-    } catch (const Exceptions::CKelException& e) {
-        EXPECT_EQ(0x20010049u, e.GetCode());
-    }
-    Threading::CThrowState::SetThrow(saved);
+    EXPECT_EQ(0x20010049u, kel_test::RaisedCode([&] { cert.Read("garbage"); }));
 }
 
 // --- The TLS module ----------------------------------------------------------------------

@@ -5,7 +5,7 @@
 #include "ChildProcess.h"
 #include "SslTestUtil.h"
 
-#include "../threads/ThreadTestUtil.h"
+#include "../common/TestUtil.h"
 
 #include <atomic>
 #include <cstring>
@@ -22,28 +22,11 @@ using kel_test::CTempFile;
 using kel_test::CTraceCapture;
 using kel_test::ErrorLogText;
 using kel_test::kHangGuardMs;
+using kel_test::Pem;
 using kel_test::RaisedCode;
+using kel_test::ServerContext;
 
 namespace {
-
-std::string Pem(const CSslCertificate& c) {
-    Strings::CStringVar text;
-    c.Write(text);
-    return text.str();
-}
-
-std::string Pem(const CSslKey& k) {
-    Strings::CStringVar text;
-    k.Write(text);
-    return text.str();
-}
-
-CSslContext ServerContext(Sockets::SSL_METHOD method = SSLM_Default) {
-    CIdentities& ids = CIdentities::Get();
-    CSslContext ctx;
-    EXPECT_EQ(1u, ctx.MakeContext(method, SSLV_None, "", {}, ids.serverKey, ids.server, ids.interm)) << ErrorLogText();
-    return ctx;
-}
 
 CSslContext ClientContext(int maxVersion = 0) {
     CSslContext ctx;
@@ -53,17 +36,8 @@ CSslContext ClientContext(int maxVersion = 0) {
 }
 
 // A loopback listener with one connected and one accepted CSslSocket, not yet secure.
-class TlsPair : public ::testing::Test {
+class TlsPair : public kel_test::TLoopbackPair<CSslSocket> {
 protected:
-    void SetUp() override {
-        m_Listener.StartListen(0, 0);
-        m_nPort = m_Listener.GetLocalAddr().GetPort();
-        m_Client.SetTimeout(kHangGuardMs);
-        m_Client.ConnectLocal(m_nPort);
-        ASSERT_EQ(m_Listener.Wait(kHangGuardMs), 1u);
-        ASSERT_EQ(m_Listener.Accept(m_Server), 1u);
-        m_Server.SetTimeout(kHangGuardMs);
-    }
     // Both handshakes, the server's on a thread; the status each raised (0: none).
     void Secure(CSslContext& clientCtx, CSslContext& serverCtx, CSslSession* session = nullptr) {
         std::thread server([&] { m_uServerCode = RaisedCode([&] { m_Server.MakeSecure(serverCtx); }); });
@@ -82,9 +56,6 @@ protected:
         ASSERT_EQ(m_uServerCode, 0u);
     }
 
-    CSocketListener m_Listener;
-    CSslSocket m_Client, m_Server;
-    unsigned int m_nPort = 0;
     unsigned int m_uClientCode = 0, m_uServerCode = 0;
 };
 

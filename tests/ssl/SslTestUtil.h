@@ -1,10 +1,10 @@
-// Helpers of the TLS tests: error-log checks, trace capture, temporary files and an in-memory
+// Helpers of the TLS tests: error-log checks, temporary files and an in-memory
 // TLS connection (two SSL objects joined by a BIO pair) to run handshakes without sockets.
 #pragma once
 
 #include <kel/kelbase.h>
 
-#include "KelKrnl/Hooks.h"
+#include "../common/TraceCapture.h"
 
 #include <gtest/gtest.h>
 #include <openssl/err.h>
@@ -13,7 +13,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -38,35 +37,6 @@ inline KEL::Exceptions::NATIVE_ERROR LastNative() {
     KEL::Threading::CCurrentThread().GetErrorLog().GetError(native);
     return native;
 }
-
-/// Collects trace entries while it lives, with the given kelbase trace points switched on.
-class CTraceCapture {
-public:
-    explicit CTraceCapture(unsigned int points) : m_uSaved(KEL::KEL_MODULE_INFO_KelLib.GetTrcPoints()) {
-        Entries().clear();
-        KEL::Internals::g_pfnTraceWrite = &Capture;
-        KEL::KEL_MODULE_INFO_KelLib.SetTrcPoints(points);
-    }
-    ~CTraceCapture() {
-        KEL::KEL_MODULE_INFO_KelLib.SetTrcPoints(m_uSaved);
-        KEL::Internals::g_pfnTraceWrite = nullptr;
-    }
-    CTraceCapture(const CTraceCapture&) = delete;
-    CTraceCapture& operator=(const CTraceCapture&) = delete;
-    static std::vector<std::string>& Entries() {
-        static std::vector<std::string> s_Entries;
-        return s_Entries;
-    }
-
-private:
-    // Entries may come from several threads (both ends of a loopback connection).
-    static void Capture(const KEL::Strings::CStringRef& entry) {
-        static std::mutex s_Lock;
-        std::lock_guard<std::mutex> hold(s_Lock);
-        Entries().emplace_back(entry.C_Str());
-    }
-    unsigned int m_uSaved;
-};
 
 inline bool EndsWith(const std::string& text, const std::string& tail) {
     return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
@@ -217,5 +187,25 @@ private:
         EXPECT_EQ(1u, selfSigned.MakeCertificate(selfData, otherKey)) << ErrorLogText();
     }
 };
+
+/// A certificate or key as PEM text.
+template <class T>
+std::string Pem(const T& item) {
+    KEL::Strings::CStringVar text;
+    EXPECT_EQ(1u, item.Write(text));
+    return text.str();
+}
+
+/// A server context with the shared test identity (leaf and intermediate).
+inline KEL::Sockets::CSslContext ServerContext(KEL::Sockets::SSL_METHOD method = KEL::Sockets::SSLM_Default,
+                                               const std::string& ciphers = std::string(),
+                                               const std::vector<std::string>& keys = {}) {
+    CIdentities& ids = CIdentities::Get();
+    KEL::Sockets::CSslContext ctx;
+    EXPECT_EQ(1u, ctx.MakeContext(method, KEL::Sockets::SSLV_None, ciphers, keys, ids.serverKey, ids.server,
+                                  ids.interm))
+        << ErrorLogText();
+    return ctx;
+}
 
 } // namespace kel_test

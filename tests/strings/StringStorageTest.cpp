@@ -5,7 +5,7 @@
 #include <kel/Strings.h>
 #include <kel/Threading.h>
 
-#include "KelKrnl/Hooks.h"
+#include "../common/TraceCapture.h"
 
 #include <gtest/gtest.h>
 
@@ -259,33 +259,19 @@ TEST(StringLimit, OverLimitCapacityRaisesWithItsNumberInTheText) {
     EXPECT_STREQ(s.C_Str(), "abc");
 }
 
-std::vector<std::string>* g_pEntries = nullptr;
-void CaptureEntry(const KEL::Strings::CStringRef& entry) {
-    if (g_pEntries) g_pEntries->emplace_back(entry.data(), entry.Length());
-}
-
 TEST(StringLimit, TracesTheLimitWhenItsTracePointIsOn) {
-    std::vector<std::string> entries;
-    g_pEntries = &entries;
-    auto previousHook = KEL::Internals::g_pfnTraceWrite.exchange(&CaptureEntry);
-    unsigned int previousMask = KEL::KEL_MODULE_INFO_KelLib.GetTrcPoints();
-
+    const char* const alloc = "KEL::Strings::CStringVar::Alloc";
+    const unsigned int mask = KEL::KEL_MODULE_INFO_KelLib.GetTrcPoints();
+    kel_test::CTraceCapture trace(mask & ~0x40000000u);
     CStringVar s;
     s.Lock(0x4000000);
-    KEL::KEL_MODULE_INFO_KelLib.SetTrcPoints(previousMask & ~0x40000000u);
     EXPECT_EQ(RaisedStatus([&] { s += 'a'; }), 0x20010036u);
-    size_t whileOff = entries.size();
-    KEL::KEL_MODULE_INFO_KelLib.SetTrcPoints(previousMask | 0x40000000u);
+    EXPECT_EQ(trace.Count(alloc), 0u);
+    KEL::KEL_MODULE_INFO_KelLib.SetTrcPoints(mask | 0x40000000u);
     EXPECT_EQ(RaisedStatus([&] { s += 'a'; }), 0x20010036u);
-
-    KEL::KEL_MODULE_INFO_KelLib.SetTrcPoints(previousMask);
-    KEL::Internals::g_pfnTraceWrite.store(previousHook);
-    g_pEntries = nullptr;
     std::vector<std::string> ours;
-    for (size_t i = 0; i < whileOff; ++i)
-        EXPECT_EQ(entries[i].find("KEL::Strings::CStringVar::Alloc"), std::string::npos) << entries[i];
-    for (const std::string& e : entries)
-        if (e.find("KEL::Strings::CStringVar::Alloc") != std::string::npos) ours.push_back(e);
+    for (const std::string& e : trace.Entries())
+        if (e.find(alloc) != std::string::npos) ours.push_back(e);
     ASSERT_EQ(ours.size(), 1u);
     EXPECT_NE(ours[0].find("Maximum buff size (67108879) already reached"), std::string::npos) << ours[0];
 }

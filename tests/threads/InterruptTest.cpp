@@ -2,7 +2,7 @@
 //
 // The interrupt model: thread and user interrupts before, during and after waits, the mask
 // rules of checks and guards, and waits that keep their time-out under repeated alerts.
-#include "ThreadTestUtil.h"
+#include "../common/TestUtil.h"
 
 #include <kel/Functions.h>
 #include <kel/Threading.h>

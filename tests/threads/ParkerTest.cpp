@@ -2,7 +2,7 @@
 //
 // The engine below the public objects: a parker that waits on descriptors together with its
 // wake-ups (the way sockets join list waits), and the engine's own result codes.
-#include "ThreadTestUtil.h"
+#include "../common/TestUtil.h"
 
 #include "Posix/Dispatcher.h"
 #include "threads/ThreadCB.h"

@@ -2,14 +2,14 @@
 //
 // The native objects: recursive lock, fast mutex (also as readers/writer lock), fast event, the
 // shareable event, mutex and semaphore, counters and guards, with their exact status codes.
-#include "ThreadTestUtil.h"
+#include "../common/TestUtil.h"
 
 #include <kel/Misc.h>
 #include <kel/Threading.h>
 
+#include "../common/TraceCapture.h"
 #include "KelKrnl/Hooks.h"
 
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -18,7 +18,20 @@ using namespace KEL::Threading;
 using KEL::Threading::Native_OS::CCriticalSection;
 using KEL::Threading::Native_OS::CFastEvent;
 using KEL::Threading::Native_OS::CFastMutex;
+using kel_test::OnOtherThread;
+using kel_test::OnThreads;
 using kel_test::RaisedCode;
+
+namespace {
+// Whether another thread can take `cs` at once (it gives it back if so).
+bool IsFreeForAnotherThread(CCriticalSection& cs) {
+    return OnOtherThread([&] {
+        const unsigned int status = cs.TryEnter();
+        if (status == 1u) cs.Leave();
+        return status;
+    }) == 1u;
+}
+} // namespace
 
 TEST(SyncCounter, IncrDecrSetReturnTheNewValue) {
     CSyncCounter c(5);
@@ -32,12 +45,9 @@ TEST(SyncCounter, IncrDecrSetReturnTheNewValue) {
 
 TEST(SyncCounter, ConcurrentIncrementsAreNotLost) {
     CSyncCounter c(0);
-    std::vector<std::thread> ts;
-    for (int t = 0; t < 4; ++t)
-        ts.emplace_back([&] {
-            for (int i = 0; i < 50000; ++i) c.Incr();
-        });
-    for (auto& t : ts) t.join();
+    OnThreads(4, [&] {
+        for (int i = 0; i < 50000; ++i) c.Incr();
+    });
     EXPECT_EQ(c.Count(), 200000);
 }
 
@@ -63,14 +73,9 @@ TEST(CriticalSection, TryEnterFromAnotherThreadIsBusyAndLeavesGuardAlone) {
     EXPECT_EQ(guardRestore, 1u);
     cs.Leave();
     // Still held once: the other thread is still refused.
-    std::thread([&] { status = cs.TryEnter(); }).join();
-    EXPECT_EQ(status, 130u);
+    EXPECT_EQ(OnOtherThread([&] { return cs.TryEnter(); }), 130u);
     cs.Leave();
-    std::thread([&] {
-        status = cs.TryEnter();
-        cs.Leave();
-    }).join();
-    EXPECT_EQ(status, 1u);
+    EXPECT_TRUE(IsFreeForAnotherThread(cs));
 }
 
 TEST(CriticalSection, GuardLeavesExactlyOnce) {
@@ -81,12 +86,7 @@ TEST(CriticalSection, GuardLeavesExactlyOnce) {
         EXPECT_EQ(cs.TryEnter(), 1u); // recursion 2
         cs.Leave();                   // back to 1; guard gives the last level back
     }
-    unsigned int status = 0;
-    std::thread([&] {
-        status = cs.TryEnter();
-        if (status == 1) cs.Leave();
-    }).join();
-    EXPECT_EQ(status, 1u);
+    EXPECT_TRUE(IsFreeForAnotherThread(cs));
 }
 
 TEST(CriticalSection, SpinCountIsKeptAndReported) {
@@ -105,16 +105,13 @@ TEST(CriticalSection, ExcludesUnderContention) {
     CCriticalSection cs;
     cs.Init(100);
     long counter = 0;
-    std::vector<std::thread> ts;
-    for (int t = 0; t < 3; ++t)
-        ts.emplace_back([&] {
-            for (int i = 0; i < 40000; ++i) {
-                CSyncGuard g;
-                cs.Enter(g);
-                ++counter;
-            }
-        });
-    for (auto& t : ts) t.join();
+    OnThreads(3, [&] {
+        for (int i = 0; i < 40000; ++i) {
+            CSyncGuard g;
+            cs.Enter(g);
+            ++counter;
+        }
+    });
     EXPECT_EQ(counter, 120000);
 }
 
@@ -133,19 +130,14 @@ TEST(FastMutex, HeldMutexTimesOutElsewhereAndGuardTurnsToNop) {
     m.Init();
     ASSERT_EQ(m.Wait(), 1u);
     ASSERT_EQ(m.Wait(), 1u); // recursive
-    unsigned int status = 0;
-    std::thread([&] {
+    auto waitWithGuard = [&](unsigned int ms) {
         CSyncGuard g;
-        status = m.Wait(g, 20);
-    }).join();
-    EXPECT_EQ(status, 130u);
+        return m.Wait(g, ms);
+    };
+    EXPECT_EQ(OnOtherThread([&] { return waitWithGuard(20); }), 130u);
     m.Release();
     m.Release();
-    std::thread([&] {
-        CSyncGuard g;
-        status = m.Wait(g, 0);
-    }).join();
-    EXPECT_EQ(status, 1u);
+    EXPECT_EQ(OnOtherThread([&] { return waitWithGuard(0); }), 1u);
     // The other thread's guard released it: we get it at once.
     EXPECT_EQ(m.Wait(0u), 1u);
     m.Release();
@@ -155,12 +147,11 @@ TEST(FastMutex, ReleaseByANonOwnerIsIgnored) {
     CFastMutex m;
     m.Init();
     ASSERT_EQ(m.Wait(), 1u);
-    unsigned int status = 0;
-    std::thread([&] {
-        m.Release();
-        status = m.Wait(0u);
-    }).join();
-    EXPECT_EQ(status, 130u);
+    EXPECT_EQ(OnOtherThread([&] {
+                  m.Release();
+                  return m.Wait(0u);
+              }),
+              130u);
     m.Release();
 }
 
@@ -170,85 +161,58 @@ TEST(FastMutex, ReadersShareTheMutexTheFirstTakesTheLastGivesBack) {
     CSyncGuard r1, r2;
     ASSERT_EQ(m.WaitForRead(r1, 0), 1u);
     ASSERT_EQ(m.WaitForRead(r2, 0), 1u); // second reader: never touches the mutex
-    unsigned int writer = 0;
-    std::thread([&] { writer = m.Wait(0u); }).join();
-    EXPECT_EQ(writer, 130u);
+    auto writer = [&] {
+        const unsigned int status = m.Wait(0u);
+        if (status == 1u) m.Release();
+        return status;
+    };
+    EXPECT_EQ(OnOtherThread(writer), 130u);
     EXPECT_EQ(m.ReadRelease(), 1u); // one reader left: still held
-    std::thread([&] { writer = m.Wait(0u); }).join();
-    EXPECT_EQ(writer, 130u);
+    EXPECT_EQ(OnOtherThread(writer), 130u);
     r1.DoNotRestore();
     r2.DoNotRestore();
     EXPECT_EQ(m.ReadRelease(), 1u); // the last reader gives it back
-    std::thread([&] {
-        writer = m.Wait(0u);
-        if (writer == 1) m.Release();
-    }).join();
-    EXPECT_EQ(writer, 1u);
+    EXPECT_EQ(OnOtherThread(writer), 1u);
 }
 
 TEST(FastMutex, ReaderWaitsForAWriter) {
     CFastMutex m;
     m.InitForReadWrite();
     ASSERT_EQ(m.Wait(), 1u);
-    unsigned int reader = 0;
-    std::thread([&] { reader = m.WaitForRead(10u); }).join();
-    EXPECT_EQ(reader, 130u);
+    auto reader = [&](unsigned int ms) {
+        const unsigned int status = m.WaitForRead(ms);
+        if (status == 1u) m.ReadRelease();
+        return status;
+    };
+    EXPECT_EQ(OnOtherThread([&] { return reader(10u); }), 130u);
     m.Release();
-    std::thread([&] {
-        reader = m.WaitForRead(0u);
-        if (reader == 1) m.ReadRelease();
-    }).join();
-    EXPECT_EQ(reader, 1u);
+    EXPECT_EQ(OnOtherThread([&] { return reader(0u); }), 1u);
 }
 
 TEST(FastMutex, CountsStayExactUnderContention) {
     CFastMutex m;
     m.Init();
     long counter = 0;
-    std::vector<std::thread> ts;
-    for (int t = 0; t < 3; ++t)
-        ts.emplace_back([&] {
-            for (int i = 0; i < 20000; ++i) {
-                CSyncGuard g;
-                m.Wait(g);
-                ++counter;
-            }
-        });
-    for (auto& t : ts) t.join();
+    OnThreads(3, [&] {
+        for (int i = 0; i < 20000; ++i) {
+            CSyncGuard g;
+            m.Wait(g);
+            ++counter;
+        }
+    });
     EXPECT_EQ(counter, 60000);
 }
 
-namespace {
-std::mutex g_TraceMutex;
-std::vector<std::string> g_Trace;
-void CollectTrace(const KEL::Strings::CStringRef& entry) {
-    std::lock_guard<std::mutex> hold(g_TraceMutex);
-    g_Trace.emplace_back(entry.C_Str());
-}
-bool TraceHas(const std::string& text) {
-    std::lock_guard<std::mutex> hold(g_TraceMutex);
-    for (const auto& e : g_Trace)
-        if (e.find(text) != std::string::npos) return true;
-    return false;
-}
-} // namespace
-
 TEST(FastEvent, TracesItsStepsUnderBit0x20) {
-    auto old = KEL::Internals::g_pfnTraceWrite.exchange(&CollectTrace);
-    const unsigned int mask = KEL::KEL_MODULE_INFO_KelLib.GetTrcPoints();
-    KEL::KEL_MODULE_INFO_KelLib.SetTrcPoints(mask | 0x20);
+    kel_test::CTraceCapture trace(0x20, true);
     {
         CFastEvent e;
         e.Init(1);
         e.Set();
         EXPECT_EQ(e.Wait(0), 1u);
     }
-    KEL::KEL_MODULE_INFO_KelLib.SetTrcPoints(mask);
-    KEL::Internals::g_pfnTraceWrite.store(old);
-    EXPECT_TRUE(TraceHas("After CreateEvent handle=(x"));
-    EXPECT_TRUE(TraceHas("Before Tcb->Wait(x"));
-    EXPECT_TRUE(TraceHas(", x0)=1"));
-    EXPECT_TRUE(TraceHas("Before CloseHandle(x"));
+    for (const char* step : {"After CreateEvent handle=(x", "Before Tcb->Wait(x", ", x0)=1", "Before CloseHandle(x"})
+        EXPECT_GT(trace.Count(step), 0u) << step;
 }
 
 TEST(FastEvent, UseBeforeInitAndAutoResetConsumption) {
@@ -339,9 +303,7 @@ TEST(Mutex, AbandonedMutexGivesItsNextOwner65ThenBehavesAsOwned) {
     m.Init(false);
     std::thread([&] { ASSERT_EQ(m.Wait(), 1u); }).join(); // ends while owning it
     EXPECT_EQ(m.Wait(0), 65u);
-    unsigned int other = 0;
-    std::thread([&] { other = m.Wait(0); }).join();
-    EXPECT_EQ(other, 130u); // owned by us now
+    EXPECT_EQ(OnOtherThread([&] { return m.Wait(0); }), 130u); // owned by us now
     m.Release();
     EXPECT_EQ(m.Wait(0), 1u); // the abandonment is reported once
     m.Release();
@@ -351,16 +313,15 @@ TEST(Mutex, InitialOwnerAndRecursion) {
     CMutex m;
     m.Init(true);
     EXPECT_EQ(m.Wait(0), 1u);
-    unsigned int other = 0;
     m.Release();
-    std::thread([&] { other = m.Wait(0); }).join();
-    EXPECT_EQ(other, 130u); // still owned once
+    EXPECT_EQ(OnOtherThread([&] { return m.Wait(0); }), 130u); // still owned once
     m.Release();
-    std::thread([&] {
-        other = m.Wait(0);
-        m.Release();
-    }).join();
-    EXPECT_EQ(other, 1u);
+    EXPECT_EQ(OnOtherThread([&] {
+                  const unsigned int status = m.Wait(0);
+                  m.Release();
+                  return status;
+              }),
+              1u);
 }
 
 TEST(Mutex, AWaiterGetsTheMutexWhenItsOwnerEnds) {
@@ -410,12 +371,7 @@ TEST(SyncGuard, RestoresOnceAndNeverThrowsFromItsDestructor) {
     cs.Enter(g);
     EXPECT_EQ(g.Restore(), 1u);
     EXPECT_EQ(g.Restore(), 1u); // second time: Nop
-    unsigned int status = 0;
-    std::thread([&] {
-        status = cs.TryEnter();
-        if (status == 1) cs.Leave();
-    }).join();
-    EXPECT_EQ(status, 1u);
+    EXPECT_TRUE(IsFreeForAnotherThread(cs));
 }
 
 TEST(FastDelegate, EqualityByObjectAndFunction) {

@@ -3,7 +3,7 @@
 // Threads and the current thread: starting, waiting, the running-state checks, failures of a
 // thread function, names, the random generator, thread-local storage and blocks of threads the
 // library did not start.
-#include "ThreadTestUtil.h"
+#include "../common/TestUtil.h"
 
 #include <kel/Functions.h>
 #include <kel/Threading.h>

@@ -3,7 +3,7 @@
 // List waits: limits and error codes, which entry wins, wait-all taking all objects or none,
 // exactly-one wake-ups of auto-reset events and semaphores, lost wake-ups under hot loops, and
 // the time-out arithmetic.
-#include "ThreadTestUtil.h"
+#include "../common/TestUtil.h"
 
 #include <kel/Functions.h>
 #include <kel/Threading.h>

@@ -1,11 +1,13 @@
-// kelbase - tests/threads/ThreadTestUtil.h
+// kelbase - tests/common/TestUtil.h
 //
-// Helpers of the threading tests: lambdas as counted delegates, a status-code catcher and a
-// bounded spin for conditions another thread makes true.
+// Helpers shared by the test programs: lambdas as counted delegates, a status-code catcher and
+// a bounded spin for conditions another thread makes true. A folder with no .cpp of its own, so
+// it never becomes a test program.
 #pragma once
 
 #include <kel/Delegates.h>
 #include <kel/Exceptions.h>
+#include <kel/Sockets.h>
 #include <kel/Threading.h>
 
 #include <gtest/gtest.h>
@@ -15,6 +17,7 @@
 #include <functional>
 #include <thread>
 #include <utility>
+#include <vector>
 
 namespace kel_test {
 
@@ -69,6 +72,50 @@ bool Eventually(C&& cond, int seconds = 20) {
     return true;
 }
 
+/// What `body` returns when run on a thread of its own, for checks that need another owner.
+template <class F>
+auto OnOtherThread(F&& body) -> decltype(body()) {
+    decltype(body()) result{};
+    std::thread([&] { result = body(); }).join();
+    return result;
+}
+
+/// Runs `body` on `n` threads at once and joins them.
+template <class F>
+void OnThreads(int n, const F& body) {
+    std::vector<std::thread> threads;
+    for (int t = 0; t < n; ++t) threads.emplace_back(body);
+    for (auto& t : threads) t.join();
+}
+
 constexpr unsigned int kHangGuardMs = 20000;
+
+/// A port on which nothing listens: free a moment ago (the system picks it) and closed again.
+inline unsigned int FreePort() {
+    KEL::Sockets::CSocketListener probe;
+    probe.StartListen(0, 0);
+    return probe.GetLocalAddr().GetPort();
+}
+
+/// A loopback listener with a connected client of type `S` and its accepted server side, both
+/// with the hang guard as their time-out.
+template <class S>
+class TLoopbackPair : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(m_Listener.StartListen(0, 0), 1u);
+        m_nPort = m_Listener.GetLocalAddr().GetPort();
+        m_Client.SetTimeout(kHangGuardMs);
+        ASSERT_EQ(m_Client.ConnectLocal(m_nPort), 1u);
+        ASSERT_EQ(m_Listener.Wait(kHangGuardMs), 1u);
+        ASSERT_EQ(m_Listener.Accept(m_Server), 1u);
+        m_Server.SetTimeout(kHangGuardMs);
+    }
+
+    KEL::Sockets::CSocketListener m_Listener;
+    S m_Client;
+    S m_Server;
+    unsigned int m_nPort = 0;
+};
 
 } // namespace kel_test
