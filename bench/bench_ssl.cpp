@@ -103,6 +103,29 @@ void RawClose(SSL* ssl, int fd) {
     ::close(fd);
 }
 
+// Two raw OpenSSL ends connected over loopback, handshake done; closed on destruction.
+struct CRawTlsPair {
+    explicit CRawTlsPair(CContexts& ctx) {
+        unsigned short port = 0;
+        listener = RawListen(port);
+        clientFd = RawConnect(port);
+        serverFd = RawAccept(listener);
+        std::thread accept([&] { server = RawSsl(ctx.server, serverFd, true); });
+        client = RawSsl(ctx.client, clientFd, false);
+        accept.join();
+    }
+    ~CRawTlsPair() {
+        RawClose(client, clientFd);
+        RawClose(server, serverFd);
+        ::close(listener);
+    }
+    CRawTlsPair(const CRawTlsPair&) = delete;
+    CRawTlsPair& operator=(const CRawTlsPair&) = delete;
+    int listener = -1, clientFd = -1, serverFd = -1;
+    SSL* client = nullptr;
+    SSL* server = nullptr;
+};
+
 bool RawReadAll(SSL* ssl, char* buffer, size_t size) {
     size_t total = 0;
     while (total < size) {
@@ -115,14 +138,9 @@ bool RawReadAll(SSL* ssl, char* buffer, size_t size) {
 
 void BM_RawTlsBulk16K(benchmark::State& state) {
     CContexts& ctx = CContexts::Get();
-    unsigned short port = 0;
-    const int listener = RawListen(port);
-    const int clientFd = RawConnect(port);
-    const int serverFd = RawAccept(listener);
-    SSL* server = nullptr;
-    std::thread accept([&] { server = RawSsl(ctx.server, serverFd, true); });
-    SSL* client = RawSsl(ctx.client, clientFd, false);
-    accept.join();
+    CRawTlsPair pair(ctx);
+    SSL* const client = pair.client;
+    SSL* const server = pair.server;
     const long long chunks = static_cast<long long>(state.max_iterations);
     std::thread reader([&] {
         std::vector<char> in(kChunk);
@@ -134,9 +152,6 @@ void BM_RawTlsBulk16K(benchmark::State& state) {
     reader.join();
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(kChunk));
     state.SetLabel(SSL_get_version(client) + std::string(" ") + SSL_get_cipher_name(client));
-    RawClose(client, clientFd);
-    RawClose(server, serverFd);
-    ::close(listener);
 }
 BENCHMARK(BM_RawTlsBulk16K)->UseRealTime();
 
@@ -304,14 +319,9 @@ struct CRoundTripBytes {
 void BM_RawTlsPingPong(benchmark::State& state) {
     CContexts& ctx = CContexts::Get();
     const CRoundTripBytes& bytes = CRoundTripBytes::Get();
-    unsigned short port = 0;
-    const int listener = RawListen(port);
-    const int clientFd = RawConnect(port);
-    const int serverFd = RawAccept(listener);
-    SSL* server = nullptr;
-    std::thread accept([&] { server = RawSsl(ctx.server, serverFd, true); });
-    SSL* client = RawSsl(ctx.client, clientFd, false);
-    accept.join();
+    CRawTlsPair pair(ctx);
+    SSL* const client = pair.client;
+    SSL* const server = pair.server;
     const long long rounds = static_cast<long long>(state.max_iterations);
     std::thread peer([&] {
         std::vector<char> in(bytes.request), out(bytes.answer, 'a');
@@ -327,9 +337,6 @@ void BM_RawTlsPingPong(benchmark::State& state) {
     }
     peer.join();
     state.SetLabel(std::to_string(bytes.request) + "+" + std::to_string(bytes.answer) + " bytes");
-    RawClose(client, clientFd);
-    RawClose(server, serverFd);
-    ::close(listener);
 }
 BENCHMARK(BM_RawTlsPingPong)->UseRealTime();
 

@@ -142,6 +142,13 @@ unsigned int CSslSocket::CheckSslCall(int result, SSL_FUNCTIONS function) {
     if (!m_pSsl) KEL_RAISE(FunctionStatus(function), "The socket has no SSL object");
     const int error = SSL_get_error(m_pSsl, result);
     KEL_TRACE(KEL_MODULE_INFO_KelLib, kTraceTls, kCheckSslCall, "SSL_get_error returns=%d") << error;
+    // The peer went without a close alert: the socket is broken, readable and no longer
+    // connected, like a plain socket whose peer closed.
+    const auto MarkClosedByPeer = [this] {
+        m_bBroken = true;
+        m_bClosedByPeer = true;
+        m_uStatus = (m_uStatus & ~ST_IsConnected) | ST_CanRead;
+    };
     switch (error) {
     case SSL_ERROR_NONE:
         return 0;
@@ -155,9 +162,7 @@ unsigned int CSslSocket::CheckSslCall(int result, SSL_FUNCTIONS function) {
         if (ERR_peek_error() == 0) {
             KEL_TRACE(KEL_MODULE_INFO_KelLib, kTraceTls, kCheckSslCall,
                       "Unexpected EOF from the peer happend (SSL_ERROR_SYSCALL and ERR_get_error == 0).");
-            m_bBroken = true;
-            m_bClosedByPeer = true;
-            m_uStatus = (m_uStatus & ~ST_IsConnected) | ST_CanRead;
+            MarkClosedByPeer();
             KEL_RAISE(0x20010024u, "Socket connection closed by peer (SSL function %d, error=%d)",
                       static_cast<unsigned int>(function), lastError);
         }
@@ -178,9 +183,7 @@ unsigned int CSslSocket::CheckSslCall(int result, SSL_FUNCTIONS function) {
         if (error == SSL_ERROR_SSL && IsUnexpectedEof(ERR_peek_last_error())) {
             KEL_TRACE(KEL_MODULE_INFO_KelLib, kTraceTls, kCheckSslCall,
                       "Unexpected EOF from the peer happend (SSL_ERROR_SYSCALL and ERR_get_error == 0).");
-            m_bBroken = true;
-            m_bClosedByPeer = true;
-            m_uStatus = (m_uStatus & ~ST_IsConnected) | ST_CanRead;
+            MarkClosedByPeer();
             KEL_RAISE_SSL(0x20010024u, "Socket connection closed by peer (SSL function %d)",
                           static_cast<unsigned int>(function));
         }
